@@ -1,0 +1,39 @@
+# qorc_add_proto_library(<target> PROTO_ROOT <dir> PROTOS <files relative to root>...)
+# Generates lite-runtime C++ for the given schemas. Generated headers are
+# included by their path below the root, e.g. "qor/protobuf/version.pb.h".
+function(qorc_add_proto_library target)
+  cmake_parse_arguments(ARG "" "PROTO_ROOT" "PROTOS;DEPENDS" ${ARGN})
+  set(out_dir ${CMAKE_CURRENT_BINARY_DIR}/gen)
+  set(srcs)
+  foreach(proto ${ARG_PROTOS})
+    string(REGEX REPLACE "\\.proto$" "" stem ${proto})
+    set(cc ${out_dir}/${stem}.pb.cc)
+    set(h ${out_dir}/${stem}.pb.h)
+    add_custom_command(
+      OUTPUT ${cc} ${h}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${out_dir}
+      COMMAND protobuf::protoc --cpp_out=${out_dir} -I ${ARG_PROTO_ROOT} ${ARG_PROTO_ROOT}/${proto}
+      DEPENDS ${ARG_PROTO_ROOT}/${proto} protobuf::protoc
+      COMMENT "protoc ${proto}"
+      VERBATIM)
+    list(APPEND srcs ${cc})
+  endforeach()
+  add_library(${target} STATIC ${srcs})
+  target_include_directories(${target} SYSTEM PUBLIC ${out_dir} ${Protobuf_INCLUDE_DIRS})
+  target_link_libraries(${target} PUBLIC protobuf::libprotobuf-lite ${ARG_DEPENDS})
+  # Generated code is not ours to warn about.
+  target_compile_options(${target} PRIVATE -w)
+endfunction()
+
+# qorc_add_test(<name> SOURCES <files>... LIBS <libs>... [PROPERTIES <ctest props>...])
+# One GoogleTest executable; every test case becomes its own ctest entry.
+function(qorc_add_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;PROPERTIES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
+  if(ARG_PROPERTIES)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${ARG_PROPERTIES})
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+  endif()
+endfunction()

@@ -1,0 +1,169 @@
+// The RPC engine: registry of transports, peers ("clients") and proxies,
+// a worker pool that routes incoming messages, and header stamping on send.
+//
+// Threads:
+//  - workers (routing and every proxy's new_message);
+//  - the transports' own threads, through ProtocolTransportHandler
+//    (new_client, delete_client, new_message);
+//  - application threads (add/remove transports, create proxies, send,
+//    wait, destroy).
+// Lock order: m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
+// ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
+// a proxy's mutex -> m_clientsMutex. Each field below names its lock.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orvi/exceptions.h"
+#include "orvi/message.h"
+#include "orvi/proxy.h"
+#include "orvi/transport.h"
+
+namespace orvi {
+
+class Header;
+class Protocol;
+
+// Told when an engine goes away. The engine clears m_protocol before it calls
+// on_protocol_destroyed; a handler destroyed first unregisters itself.
+class ProtocolLifeHandler {
+public:
+    virtual ~ProtocolLifeHandler();
+    virtual void on_protocol_destroyed(Protocol* protocol) = 0;
+
+    Protocol* m_protocol = nullptr;
+};
+
+// What a transport calls. Holds a raw back pointer to the engine that the
+// engine clears, under m_mutex, before it goes.
+class ProtocolTransportHandler : public TransportHandler {
+public:
+    explicit ProtocolTransportHandler(Protocol* p) : m_protocol(p) {}
+    unsigned int new_client(Transport& transport) override;
+    void delete_client(unsigned int client_id) override;
+    void new_message(unsigned int client_id, Message<BufferMutable>& message) override;
+    void clear();
+
+private:
+    std::mutex m_mutex;
+    Protocol* m_protocol;  // guarded by m_mutex
+};
+
+class Protocol {
+public:
+    struct ClientInfo {
+        unsigned int id = 0;
+        std::weak_ptr<Transport> transport;
+        std::mutex mutex;
+        std::map<unsigned int, std::shared_ptr<Proxy>> proxyMap;  // guarded by mutex
+    };
+
+    // Starts `workers` threads; 0 is a programming error.
+    explicit Protocol(size_t workers);
+    // Stops every transport, drops queued messages, joins the workers, then
+    // tells the life handlers. Must not run on a worker thread.
+    ~Protocol();
+    Protocol(const Protocol&) = delete;
+    Protocol& operator=(const Protocol&) = delete;
+
+    void add_transport(const std::shared_ptr<Transport>& transport);
+    void remove_transport(const std::shared_ptr<Transport>& transport);
+    std::weak_ptr<Transport> find_transport(Transport& transport);
+    std::shared_ptr<Transport> get_proxy_transport(const ProxyInfo& info);
+    void notify_fork(Fork fork);
+
+    // Transport side (through ProtocolTransportHandler).
+    unsigned int new_client(Transport& transport);
+    void delete_client(unsigned int id);
+    void new_message(unsigned int id, Message<BufferMutable>& message);
+
+    unsigned int get_new_proxy_id();
+    std::shared_ptr<ProxyInfo> create_client_proxy_info(unsigned int client, unsigned int proxy_id,
+                                                        const std::string& name);
+    void add_command(const std::string& name, const std::shared_ptr<ProxyFactory>& factory);
+    void register_life_handler(ProtocolLifeHandler* handler);
+    void unregister_life_handler(ProtocolLifeHandler* handler);
+
+    // A client proxy of type T for the command `name` on the peer with the
+    // lowest client id. Throws ProtocolException when no peer is connected.
+    template <class T>
+    std::shared_ptr<T> create_command_proxy(const char* name) {
+        auto proxy = std::make_shared<T>(*this);
+        bind_client_proxy(proxy, name);
+        return proxy;
+    }
+
+    // Proxy side.
+    void send_message(ProxyInfo& info, MessageConst& message);
+    void proxy_done(ProxyInfo& info);
+    void forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message);
+
+    // Routing of one received message; runs on a worker.
+    void process_message(unsigned int client, const Message<BufferMutable>& message);
+    std::shared_ptr<Proxy> command_message(ClientInfo& client, Header& header);
+
+    struct Stats {
+        std::atomic<unsigned> transportsAdded{0}, transportsActive{0};
+        std::atomic<unsigned> clientsCreated{0}, clientsActive{0};
+        std::atomic<unsigned> proxiesCreated{0}, proxiesActive{0};
+        std::atomic<unsigned> messagesSent{0}, messagesProcessed{0}, messagesNoHandler{0};
+    };
+    const Stats& stats() const { return m_stats; }
+
+private:
+    struct TransportInfo {
+        std::shared_ptr<ProtocolTransportHandler> handler;
+    };
+    struct ClientMessage {
+        unsigned int client;
+        Message<BufferMutable> message;
+    };
+    struct WorkerInfo {
+        unsigned int index = 0;
+        std::shared_ptr<std::thread> thread;
+        bool busy = false;        // guarded by m_queueMutex
+        unsigned int client = 0;  // guarded by m_queueMutex
+    };
+
+    void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
+    void worker(unsigned int index);
+    std::list<ClientMessage>::iterator next_eligible(unsigned int index);
+    void reply_no_handler(ClientInfo& client, const Header& incoming);
+
+    Stats m_stats;
+
+    std::mutex m_commandsMutex;
+    std::map<std::string, std::shared_ptr<ProxyFactory>> m_commandMap;  // m_commandsMutex
+
+    std::mutex m_transportsMutex;
+    std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>>
+        m_transportMap;  // m_transportsMutex
+
+    std::mutex m_clientIdMutex;
+    unsigned int m_nextClientId = 1;  // m_clientIdMutex
+
+    std::mutex m_clientsMutex;
+    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_clientMap;  // m_clientsMutex
+
+    std::mutex m_queueMutex;
+    std::condition_variable m_queueCond;
+    std::list<ClientMessage> m_queue;  // m_queueMutex
+    bool m_running = true;             // m_queueMutex
+    std::vector<WorkerInfo> m_workers;  // busy/client: m_queueMutex
+
+    std::mutex m_proxyIdMutex;
+    unsigned int m_lastProxyId = 0;  // m_proxyIdMutex
+
+    std::mutex m_lifeMutex;
+    std::vector<ProtocolLifeHandler*> m_lifeHandlers;  // m_lifeMutex
+};
+
+}  // namespace orvi

@@ -1,0 +1,31 @@
+// The engine's bookkeeping for one proxy, shared by the proxy and the engine.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+namespace orvi {
+
+class Protocol;
+
+struct ProxyInfo {
+    enum Kind { HANDLER = 0, CLIENT = 1, RESERVED = 2, INVALID = 3 };
+
+    Protocol* protocol = nullptr;  // back reference; the engine outlives its proxies' use
+    int kind = INVALID;
+    unsigned int client_id = 0;
+    std::string name;  // command name, sent until the peer is known
+    unsigned int local_id = 0;
+
+    // Serialises this proxy's sends, so its messages leave in order.
+    std::mutex send_mutex;
+
+    // A leaf lock: nothing else is ever taken while it is held, so routing
+    // may read the peer under a client's mutex while a send is in progress.
+    std::mutex state_mutex;
+    bool done = false;          // state_mutex
+    bool remote_known = false;  // state_mutex
+    unsigned int remote_id = 0; // state_mutex
+};
+
+}  // namespace orvi

@@ -1,0 +1,86 @@
+// One connected stream socket: blocking read/write loops, the connection
+// record and the ProtocolV1 framing object. Byte layout: orvi/frame_format.h.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "orvi/exceptions.h"
+#include "orvi/message.h"
+#include "orvi/transport.h"
+
+namespace orvi {
+namespace simple_socket {
+
+class SocketReader;
+class InfoClient;
+
+// Writes all bytes or throws "Failed to send data to server". Never raises
+// SIGPIPE.
+void write(int fd, const char* data, unsigned int size);
+// Reads exactly size bytes or throws "Failed to read data from server: ...".
+void read(int fd, char* data, int size);
+
+// Client side of the version handshake: sends lead byte and version, expects
+// the version back. Throws "Failed to connect, socket protocol mismatch".
+void client_handshake(int fd);
+
+class ProtocolBase {
+public:
+    virtual ~ProtocolBase() = default;
+    // Writes one whole frame.
+    virtual void send_message(const Message<BufferConst>& message) = 0;
+    // Reads one whole frame and hands it to the record's handler.
+    virtual void recv_message(const std::shared_ptr<InfoClient>& info) = 0;
+    // Bytes received but not yet framed; the reader must drain them before
+    // it polls again.
+    virtual size_t buffered() const { return 0; }
+    // A descriptor whose readiness interrupts a blocked read.
+    virtual void set_wake_fd(int) {}
+    virtual void set_quick_ack(bool) {}
+};
+
+// Framing of protocol version 1. Does not own the descriptor.
+class ProtocolV1 : public ProtocolBase {
+public:
+    explicit ProtocolV1(int fd);
+    ~ProtocolV1() override;
+
+    void send_message(const Message<BufferConst>& message) override;
+    void recv_message(const std::shared_ptr<InfoClient>& info) override;
+    size_t buffered() const override;
+    void set_wake_fd(int fd) override;
+    void set_quick_ack(bool on) override;
+    // True when the peer closed between two frames.
+    bool at_end_of_stream();
+    // Raw bytes through the same buffer, for the server's handshake.
+    void read_exact(char* dst, size_t n);
+
+private:
+    int m_fd;
+    std::unique_ptr<SocketReader> m_reader;  // used by the reader thread only
+};
+
+// State of one connected socket. Always held by shared_ptr; dropping the last
+// reference tells the handler that the client is gone and closes the socket.
+class InfoClient {
+public:
+    InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler);
+    ~InfoClient();
+    InfoClient(const InfoClient&) = delete;
+    InfoClient& operator=(const InfoClient&) = delete;
+
+    // Writes one frame under m_sendMutex, so that frames from several threads
+    // never interleave on the wire.
+    void send(const Message<BufferConst>& message);
+
+    int m_fd = -1;
+    unsigned int m_id;
+    // Set before the reader thread starts, read-only afterwards.
+    std::shared_ptr<TransportHandler> m_handler;
+    std::unique_ptr<ProtocolBase> m_protocol;
+    std::mutex m_sendMutex;
+};
+
+}  // namespace simple_socket
+}  // namespace orvi

@@ -1,0 +1,63 @@
+// The client end of one TCP connection to a daemon.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "orvi/simple_socket.h"
+#include "orvi/transport.h"
+#include "orvi/url.h"
+
+namespace orvi {
+
+namespace simple_socket {
+class WakeEvent;
+}
+
+// Threading: connect, start_serve, stop_serve, disconnect and send_message
+// are called by the owner's thread(s); incoming frames are read and delivered
+// on the one reader thread that start_serve starts. Sends are whole-frame
+// atomic (the connection record serialises them).
+//
+// States: idle (no socket) -> connected -> serving -> (stop_serve) connected,
+// or broken when the reader fails; disconnect() returns to idle.
+class TransportSimpleSocketClient : public TransportClient {
+public:
+    TransportSimpleSocketClient(const std::string& host, const std::string& port);
+    // Host and port from the URL; local bind address from its "bind" parameter.
+    explicit TransportSimpleSocketClient(const Url& url);
+    ~TransportSimpleSocketClient() override;
+
+    void start_serve(const std::shared_ptr<TransportHandler>& handler) override;
+    void stop_serve() override;
+    void notify_fork(Fork) override {}
+    void connect(int timeout) override;
+    void disconnect() override;
+    using TransportClient::send_message;
+    void send_message(const Message<BufferConst>& message) override;
+
+    // Forward to the framing loops.
+    static void write(int fd, const char* data, unsigned int size);
+    static void read(int fd, char* data, unsigned int size);
+
+    std::string m_host;
+    std::string m_port;
+    // Local address to bind to before connecting; empty for none. The owner
+    // may assign it between construction and connect.
+    std::string m_bind;
+
+private:
+    void worker(std::shared_ptr<simple_socket::InfoClient> info);
+
+    std::shared_ptr<simple_socket::InfoClient> m_socketPtr;
+    std::thread m_thread;
+    // Written by the owner, read by the reader thread.
+    std::atomic<bool> m_running{false};
+    std::weak_ptr<TransportHandler> m_handler;
+    // Wakes the reader at once on stop_serve.
+    std::unique_ptr<simple_socket::WakeEvent> m_wake;
+};
+
+}  // namespace orvi

@@ -1,0 +1,82 @@
+// The board's end of the simple-socket transport: listens, accepts any
+// number of clients, runs the server side of the handshake and one reader
+// thread per client.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "orvi/simple_socket.h"
+#include "orvi/transport.h"
+
+namespace orvi {
+
+namespace simple_socket {
+class WakeEvent;
+}
+
+// Threading: listen, start_serve and stop_serve belong to the owner's thread.
+// One accept thread, plus one reader thread per client, report to the
+// handler. send_message may be called from any thread; frames to one client
+// never interleave.
+//
+// Bad input from a client (wrong handshake, broken frame, a client that
+// vanishes mid-frame) drops that client with one line on standard error; the
+// others go on.
+class TransportSimpleSocketServer : public Transport {
+public:
+    TransportSimpleSocketServer(const std::string& host, const std::string& port);
+    ~TransportSimpleSocketServer() override;
+
+    // Binds and listens. Port "0" takes a free port; read it back with
+    // local_port(). Throws SimpleSocketException.
+    void listen();
+    unsigned short local_port() const { return m_localPort; }
+
+    // The version byte answered to a client that speaks version 1. Anything
+    // but 1 makes such clients fail their handshake; for tests.
+    void set_handshake_answer(unsigned char version) { m_handshakeAnswer = version; }
+    // Off by default, as on a board.
+    void set_nodelay(bool on) { m_nodelay = on; }
+
+    void start_serve(const std::shared_ptr<TransportHandler>& handler) override;
+    // Closes the listener and every client, joins every thread; returns
+    // without waiting out any poll interval.
+    void stop_serve() override;
+    bool is_server() const override { return true; }
+    // A client that is gone is skipped silently.
+    void send_message(unsigned int client_id, const Message<BufferConst>& message) override;
+
+private:
+    struct Reader {
+        std::thread thread;
+        std::atomic<bool> finished{false};
+    };
+
+    void accept_loop();
+    void serve_client(int fd, Reader* self);
+    bool handshake(simple_socket::ProtocolV1& protocol, int fd);
+    void reap_finished_readers();
+
+    std::string m_host;
+    std::string m_port;
+    unsigned short m_localPort = 0;
+    int m_listenFd = -1;
+    unsigned char m_handshakeAnswer = 1;
+    bool m_nodelay = false;
+    std::weak_ptr<TransportHandler> m_handler;
+    std::unique_ptr<simple_socket::WakeEvent> m_wake;
+    std::atomic<bool> m_running{false};
+    std::thread m_acceptThread;
+
+    std::mutex m_mutex;  // guards m_clients and m_readers
+    std::map<unsigned int, std::shared_ptr<simple_socket::InfoClient>> m_clients;
+    std::list<Reader> m_readers;
+};
+
+}  // namespace orvi

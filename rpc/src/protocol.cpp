@@ -1,0 +1,440 @@
+#include "orvi/protocol.h"
+
+#include <cassert>
+#include <climits>
+#include <iostream>
+
+#include "header.pb.h"
+
+namespace orvi {
+
+namespace {
+// Destroyed at exit, after every message object of the program is gone.
+ProtoBufCleanup protoBufCleanup;
+}  // namespace
+
+ProtocolLifeHandler::~ProtocolLifeHandler() {
+    if (m_protocol) m_protocol->unregister_life_handler(this);
+}
+
+unsigned int ProtocolTransportHandler::new_client(Transport& transport) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_protocol ? m_protocol->new_client(transport) : 0;
+}
+
+void ProtocolTransportHandler::delete_client(unsigned int client_id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_protocol) m_protocol->delete_client(client_id);
+}
+
+void ProtocolTransportHandler::new_message(unsigned int client_id,
+                                           Message<BufferMutable>& message) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_protocol) m_protocol->new_message(client_id, message);
+}
+
+void ProtocolTransportHandler::clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_protocol = nullptr;
+}
+
+Protocol::Protocol(size_t workers) {
+    assert(workers != 0);
+    m_workers.resize(workers);
+    for (size_t i = 0; i < workers; ++i) {
+        m_workers[i].index = static_cast<unsigned int>(i);
+        m_workers[i].thread =
+            std::make_shared<std::thread>(&Protocol::worker, this, static_cast<unsigned int>(i));
+    }
+}
+
+Protocol::~Protocol() {
+    std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> transports;
+    {
+        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        transports.swap(m_transportMap);
+    }
+    for (auto& entry : transports) {
+        entry.second->handler->clear();
+        entry.first->stop_serve();
+    }
+    transports.clear();
+
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_running = false;
+        m_queue.clear();
+    }
+    m_queueCond.notify_all();
+    for (WorkerInfo& w : m_workers) w.thread->join();
+
+    std::vector<ProtocolLifeHandler*> handlers;
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        handlers.swap(m_lifeHandlers);
+    }
+    for (ProtocolLifeHandler* h : handlers) {
+        h->m_protocol = nullptr;
+        h->on_protocol_destroyed(this);
+    }
+}
+
+void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
+    ++m_stats.transportsAdded;
+    ++m_stats.transportsActive;
+    std::shared_ptr<ProtocolTransportHandler> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        auto info = std::make_shared<TransportInfo>();
+        info->handler = std::make_shared<ProtocolTransportHandler>(this);
+        handler = info->handler;
+        m_transportMap[transport] = info;
+    }
+    transport->start_serve(handler);
+}
+
+void Protocol::remove_transport(const std::shared_ptr<Transport>& transport) {
+    --m_stats.transportsActive;
+    {
+        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        if (m_transportMap.find(transport) == m_transportMap.end()) return;
+    }
+    transport->stop_serve();
+    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    m_transportMap.erase(transport);
+}
+
+std::weak_ptr<Transport> Protocol::find_transport(Transport& transport) {
+    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    for (auto& entry : m_transportMap) {
+        if (entry.first.get() == &transport) return entry.first;
+    }
+    return {};
+}
+
+std::shared_ptr<Transport> Protocol::get_proxy_transport(const ProxyInfo& info) {
+    std::lock_guard<std::mutex> clients(m_clientsMutex);
+    auto it = m_clientMap.find(info.client_id);
+    if (it == m_clientMap.end()) return nullptr;
+    std::lock_guard<std::mutex> transports(m_transportsMutex);
+    std::lock_guard<std::mutex> client(it->second->mutex);
+    return it->second->transport.lock();
+}
+
+void Protocol::notify_fork(Fork fork) {
+    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    for (auto& entry : m_transportMap) entry.first->notify_fork(fork);
+}
+
+unsigned int Protocol::new_client(Transport& transport) {
+    unsigned int id;
+    {
+        std::lock_guard<std::mutex> lock(m_clientIdMutex);
+        id = m_nextClientId++;
+    }
+    auto client = std::make_shared<ClientInfo>();
+    client->id = id;
+    client->transport = find_transport(transport);
+    {
+        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        m_clientMap[id] = client;
+    }
+    ++m_stats.clientsCreated;
+    ++m_stats.clientsActive;
+    return id;
+}
+
+void Protocol::delete_client(unsigned int id) {
+    --m_stats.clientsActive;
+    std::shared_ptr<ClientInfo> client;
+    std::unique_lock<std::mutex> clientLock;
+    {
+        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        auto it = m_clientMap.find(id);
+        if (it == m_clientMap.end()) return;
+        client = it->second;
+        clientLock = std::unique_lock<std::mutex>(client->mutex);
+        m_clientMap.erase(it);
+    }
+    // The client is out of the map, so proxy_done (reached from client_lost)
+    // finds nothing and takes no client mutex.
+    for (auto& entry : client->proxyMap) {
+        --m_stats.proxiesActive;
+        entry.second->client_lost("Connection lost");
+    }
+}
+
+void Protocol::new_message(unsigned int id, Message<BufferMutable>& message) {
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_queue.push_back(ClientMessage{id, std::move(message)});
+    }
+    m_queueCond.notify_one();
+}
+
+unsigned int Protocol::get_new_proxy_id() {
+    std::lock_guard<std::mutex> lock(m_proxyIdMutex);
+    return ++m_lastProxyId;
+}
+
+std::shared_ptr<ProxyInfo> Protocol::create_client_proxy_info(unsigned int client,
+                                                              unsigned int proxy_id,
+                                                              const std::string& name) {
+    auto info = std::make_shared<ProxyInfo>();
+    info->protocol = this;
+    info->kind = ProxyInfo::CLIENT;
+    info->client_id = client;
+    info->name = name;
+    info->local_id = proxy_id;
+    return info;
+}
+
+void Protocol::add_command(const std::string& name, const std::shared_ptr<ProxyFactory>& factory) {
+    std::lock_guard<std::mutex> lock(m_commandsMutex);
+    m_commandMap[name] = factory;
+}
+
+void Protocol::register_life_handler(ProtocolLifeHandler* handler) {
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    handler->m_protocol = this;
+    m_lifeHandlers.push_back(handler);
+}
+
+void Protocol::unregister_life_handler(ProtocolLifeHandler* handler) {
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    for (auto it = m_lifeHandlers.begin(); it != m_lifeHandlers.end(); ++it) {
+        if (*it == handler) {
+            m_lifeHandlers.erase(it);
+            break;
+        }
+    }
+    handler->m_protocol = nullptr;
+}
+
+void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name) {
+    std::lock_guard<std::mutex> lock(m_clientsMutex);
+    const size_t n = m_clientMap.size();
+    if (n != 1) {
+        const std::string text = "clientMap.size() == " + std::to_string(n);
+        std::cerr << (n == 0 ? "Error: " : "Warning: ") << text << std::endl;
+        if (n == 0) throw ProtocolException(text);
+    }
+    ClientInfo& client = *m_clientMap.begin()->second;
+    const unsigned int id = get_new_proxy_id();
+    proxy->attach(create_client_proxy_info(client.id, id, name));
+    {
+        std::lock_guard<std::mutex> clientLock(client.mutex);
+        client.proxyMap[id] = proxy;
+    }
+    ++m_stats.proxiesCreated;
+    ++m_stats.proxiesActive;
+}
+
+void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
+    std::lock_guard<std::mutex> sendLock(info.send_mutex);
+    Header header;
+    switch (info.kind) {
+        case ProxyInfo::HANDLER:
+        case ProxyInfo::CLIENT:
+            header.set_message_type(Header::COMMAND);
+            break;
+        case ProxyInfo::RESERVED:
+            header.set_message_type(Header::RESERVED);
+            break;
+        case ProxyInfo::INVALID:
+            assert(false);
+            break;
+        default:
+            break;
+    }
+    {
+        std::lock_guard<std::mutex> state(info.state_mutex);
+        if (!info.remote_known) {
+            header.set_name(info.name);
+        } else {
+            header.set_proxy_dest(info.remote_id);
+        }
+    }
+    header.set_proxy_source(info.local_id);
+
+    std::string bytes;
+    if (!header.IsInitialized() || !header.SerializeToString(&bytes)) {
+        throw ProtocolException("missing required field(s) in header");
+    }
+    message.push_back(BufferConst(bytes.data(), bytes.size()));
+
+    if (auto transport = get_proxy_transport(info)) {
+        ++m_stats.messagesSent;
+        transport->send_message(info.client_id, message);
+    }
+}
+
+void Protocol::proxy_done(ProxyInfo& info) {
+    {
+        std::lock_guard<std::mutex> state(info.state_mutex);
+        info.done = true;
+    }
+    std::shared_ptr<ClientInfo> client;
+    std::unique_lock<std::mutex> clientLock;
+    {
+        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        auto it = m_clientMap.find(info.client_id);
+        if (it == m_clientMap.end()) return;
+        client = it->second;
+        clientLock = std::unique_lock<std::mutex>(client->mutex);
+    }
+    std::shared_ptr<Proxy> leaving;
+    auto it = client->proxyMap.find(info.local_id);
+    if (it != client->proxyMap.end()) {
+        leaving = std::move(it->second);
+        client->proxyMap.erase(it);
+        --m_stats.proxiesActive;
+    }
+    clientLock.unlock();
+    // `leaving` may be the last owner; it goes after the lock is released.
+}
+
+void Protocol::forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message) {
+    proxy.new_message(message.begin() + 1, message.end());
+}
+
+void Protocol::process_message(unsigned int id, const Message<BufferMutable>& message) {
+    ++m_stats.messagesProcessed;
+    std::shared_ptr<ClientInfo> client;
+    std::unique_lock<std::mutex> clientLock;
+    {
+        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        auto it = m_clientMap.find(id);
+        if (it == m_clientMap.end() || message.size() == 0) return;
+        client = it->second;
+        clientLock = std::unique_lock<std::mutex>(client->mutex);
+    }
+
+    // Parse failures are not checked: what could be read is routed as is.
+    Header header;
+    const BufferMutable& first = message[0];
+    if (first.size <= INT_MAX) header.ParseFromArray(first.data, static_cast<int>(first.size));
+
+    if (header.message_type() == Header::COMMAND) {
+        std::shared_ptr<Proxy> proxy = command_message(*client, header);
+        if (proxy) {
+            clientLock.unlock();
+            {
+                std::lock_guard<std::mutex> state(proxy->info()->state_mutex);
+                if (!proxy->info()->remote_known) {
+                    proxy->info()->remote_id = header.proxy_source();
+                    proxy->info()->remote_known = true;
+                }
+            }
+            forward_message_to_proxy(*proxy, message);
+            return;
+        }
+    } else if (header.message_type() == Header::NO_HANDLER) {
+        auto it = client->proxyMap.find(header.proxy_dest());
+        if (it != client->proxyMap.end()) {
+            std::shared_ptr<Proxy> proxy = it->second;
+            clientLock.unlock();
+            proxy->set_no_handler();
+        }
+        return;
+    }
+    reply_no_handler(*client, header);
+}
+
+std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& header) {
+    if (header.has_proxy_dest()) {
+        auto it = client.proxyMap.find(header.proxy_dest());
+        if (it != client.proxyMap.end()) return it->second;
+        ++m_stats.messagesNoHandler;
+        return nullptr;
+    }
+    // A repeated opening message from the same remote proxy.
+    for (auto& entry : client.proxyMap) {
+        const ProxyInfo& info = *entry.second->info();
+        std::lock_guard<std::mutex> state(entry.second->info()->state_mutex);
+        if (info.remote_known && info.remote_id == header.proxy_source()) return entry.second;
+    }
+
+    std::lock_guard<std::mutex> commands(m_commandsMutex);
+    auto factory = m_commandMap.find(header.name());
+    if (factory == m_commandMap.end()) {
+        std::cerr << client.id << ": there is no command handler for \"" << header.name() << "\""
+                  << std::endl;
+        ++m_stats.messagesNoHandler;
+        return nullptr;
+    }
+    const unsigned int id = get_new_proxy_id();
+    std::shared_ptr<Proxy> proxy = (*factory->second)(*this);
+    auto info = std::make_shared<ProxyInfo>();
+    info->protocol = this;
+    info->kind = ProxyInfo::HANDLER;
+    info->client_id = client.id;
+    info->name = header.name();
+    info->local_id = id;
+    info->remote_known = true;
+    info->remote_id = header.proxy_source();
+    proxy->attach(info);
+    client.proxyMap[id] = proxy;
+    ++m_stats.proxiesCreated;
+    ++m_stats.proxiesActive;
+    return proxy;
+}
+
+void Protocol::reply_no_handler(ClientInfo& client, const Header& incoming) {
+    Header reply;
+    reply.set_message_type(Header::NO_HANDLER);
+    reply.set_proxy_dest(incoming.proxy_source());
+    std::string bytes;
+    if (!reply.SerializeToString(&bytes)) throw ProtocolException("failed to serialize error header");
+    MessageConst message;
+    message.push_back(BufferConst(bytes.data(), bytes.size()));
+    if (auto transport = client.transport.lock()) {
+        ++m_stats.messagesSent;
+        transport->send_message(client.id, message);
+    }
+}
+
+std::list<Protocol::ClientMessage>::iterator Protocol::next_eligible(unsigned int index) {
+    for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
+        bool taken = false;
+        for (const WorkerInfo& w : m_workers) {
+            if (w.index != index && w.busy && w.client == it->client) {
+                taken = true;
+                break;
+            }
+        }
+        if (!taken) return it;
+    }
+    return m_queue.end();
+}
+
+void Protocol::worker(unsigned int index) {
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    while (m_running) {
+        auto it = next_eligible(index);
+        if (it == m_queue.end()) {
+            m_workers[index].busy = false;
+            m_workers[index].client = 0;
+            m_queueCond.wait(lock);
+            continue;
+        }
+        ClientMessage item = std::move(*it);
+        m_queue.erase(it);
+        m_workers[index].busy = true;
+        m_workers[index].client = item.client;
+        lock.unlock();
+        try {
+            process_message(item.client, item.message);
+        } catch (const std::exception& e) {
+            std::cerr << "Exception while processing message for client " << item.client << ": "
+                      << e.what() << std::endl;
+        } catch (...) {
+            std::cerr << "Unknown exception while processing message for client " << item.client
+                      << std::endl;
+        }
+        item.message = Message<BufferMutable>();
+        lock.lock();
+    }
+}
+
+}  // namespace orvi

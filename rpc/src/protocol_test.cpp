@@ -1,0 +1,2 @@
+#include "orvi/protocol.h"
+#include <gtest/gtest.h>

@@ -1,0 +1,162 @@
+#include "orvi/proxy.h"
+
+#include "orvi/exceptions.h"
+#include "orvi/protocol.h"
+#include "proxy/command_header.pb.h"
+
+namespace orvi {
+
+namespace {
+
+bool parse_command_header(CommandHeader& header, const BufferMutable& buffer) {
+    return buffer.size <= INT_MAX && header.ParseFromArray(buffer.data, static_cast<int>(buffer.size));
+}
+
+}  // namespace
+
+void Proxy::set_done() {
+    if (m_info) m_protocol->proxy_done(*m_info);
+}
+
+bool Proxy::is_done() const {
+    if (!m_info) return false;
+    std::lock_guard<std::mutex> lock(m_info->state_mutex);
+    return m_info->done;
+}
+
+void Proxy::send_message(MessageConst& message) {
+    if (m_info) m_protocol->send_message(*m_info, message);
+}
+
+void Proxy::send_message(const char* data, unsigned int size) {
+    MessageConst message;
+    message.push_back(BufferConst(data, size));
+    send_message(message);
+}
+
+std::shared_ptr<Transport> Proxy::get_transport() {
+    return m_info ? m_protocol->get_proxy_transport(*m_info) : nullptr;
+}
+
+unsigned int Proxy::get_transport_client_id() const { return m_info ? m_info->client_id : 0; }
+
+void ProxyCommand::send_message(const CommandHeader& header, MessageConst& message) {
+    std::string bytes;
+    if (!header.IsInitialized() || !header.SerializeToString(&bytes)) {
+        throw ProxyCommandException("missing required field(s) in protobuf message");
+    }
+    // `bytes` outlives the send, which is synchronous.
+    message.push_back(BufferConst(bytes.data(), bytes.size()));
+    Proxy::send_message(message);
+}
+
+void ProxyCommand::send_message(MessageConst& message) {
+    CommandHeader header;
+    header.set_status(CommandHeader::DATA);
+    send_message(header, message);
+}
+
+void ProxyCommand::send_message(const char* data, unsigned int size) {
+    MessageConst message;
+    message.push_back(BufferConst(data, size));
+    send_message(message);
+}
+
+ProxyCommandClient::~ProxyCommandClient() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_cond.notify_all();
+}
+
+void ProxyCommandClient::new_message(const_iterator first, const_iterator last) {
+    if (first == last) return;
+    CommandHeader header;
+    if (!parse_command_header(header, *first)) return;
+    if (header.status() == CommandHeader::DONE) {
+        set_done();
+    } else if (header.status() == CommandHeader::EXCEPTION) {
+        set_remote_exception(header.message());
+    }
+    // Data riding on DONE or EXCEPTION is processed after the waiter was
+    // released; callers must not rely on it.
+    for (auto it = first + 1; it != last; ++it) {
+        process_message(it->data, static_cast<unsigned int>(it->size));
+    }
+}
+
+void ProxyCommandClient::set_done() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_cond.notify_one();
+    Proxy::set_done();
+}
+
+void ProxyCommandClient::set_remote_exception(const std::string& text) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_exception = text;
+    m_cond.notify_one();
+    Proxy::set_done();
+}
+
+void ProxyCommandClient::set_no_handler() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_noHandler = true;
+    }
+    set_remote_exception("No handler found");
+}
+
+void ProxyCommandClient::client_lost(const std::string& reason) {
+    set_remote_exception(reason);
+    set_done();
+}
+
+void ProxyCommandClient::wait() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cond.wait(lock, [this] { return is_done(); });
+    if (m_exception.empty()) return;
+    if (m_noHandler) throw ProxyCommandNoHandler(m_exception);
+    throw ProxyCommandException(m_exception);
+}
+
+void ProxyCommandHandler::new_message(const_iterator first, const_iterator last) {
+    if (first == last) return;
+    CommandHeader header;
+    if (!parse_command_header(header, *first)) return;
+    if (header.status() == CommandHeader::DONE || header.status() == CommandHeader::EXCEPTION) {
+        Proxy::set_done();
+    }
+    for (auto it = first + 1; it != last; ++it) {
+        try {
+            process_message(it->data, static_cast<unsigned int>(it->size));
+        } catch (const std::exception& e) {
+            send_command_exception(e.what());
+            Proxy::set_done();
+            return;
+        } catch (...) {
+            send_command_exception("Unknown exception occured");
+            Proxy::set_done();
+            return;
+        }
+    }
+}
+
+void ProxyCommandHandler::set_done() {
+    send_command_done();
+    Proxy::set_done();
+}
+
+void ProxyCommandHandler::send_command_done() {
+    CommandHeader header;
+    header.set_status(CommandHeader::DONE);
+    MessageConst message;
+    send_message(header, message);
+}
+
+void ProxyCommandHandler::send_command_exception(const std::string& text) {
+    CommandHeader header;
+    header.set_status(CommandHeader::EXCEPTION);
+    header.set_message(text);
+    MessageConst message;
+    send_message(header, message);
+}
+
+}  // namespace orvi

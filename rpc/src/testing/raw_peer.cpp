@@ -1,0 +1,126 @@
+#include "testing/raw_peer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <stdexcept>
+
+namespace orvi {
+namespace testing {
+
+RawListener::RawListener() {
+    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 8) != 0) {
+        throw std::runtime_error("cannot listen on 127.0.0.1");
+    }
+    socklen_t len = sizeof addr;
+    getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    m_port = ntohs(addr.sin_port);
+}
+
+RawListener::~RawListener() { ::close(m_fd); }
+
+int RawListener::accept_one(std::string* peerAddress) {
+    pollfd pfd{m_fd, POLLIN, 0};
+    if (poll(&pfd, 1, 5000) != 1) return -1;
+    sockaddr_in peer{};
+    socklen_t len = sizeof peer;
+    const int fd = accept4(m_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
+    if (fd >= 0 && peerAddress) {
+        char text[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+        *peerAddress = text;
+    }
+    return fd;
+}
+
+RawConnection::~RawConnection() { close(); }
+
+int RawConnection::connect_to(unsigned short port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(port);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        throw std::runtime_error("cannot connect to 127.0.0.1:" + std::to_string(port));
+    }
+    return fd;
+}
+
+void RawConnection::write(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t r = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (r <= 0) throw std::runtime_error("raw write failed");
+        done += static_cast<size_t>(r);
+    }
+}
+
+std::string RawConnection::read(size_t n) {
+    std::string out(n, '\0');
+    size_t done = 0;
+    while (done < n) {
+        pollfd pfd{m_fd, POLLIN, 0};
+        if (poll(&pfd, 1, 5000) != 1) {
+            throw std::runtime_error("raw read timed out after " + std::to_string(done) + " of " +
+                                     std::to_string(n) + " bytes");
+        }
+        const ssize_t r = ::read(m_fd, &out[done], n - done);
+        if (r <= 0) throw std::runtime_error("raw read: peer closed");
+        done += static_cast<size_t>(r);
+    }
+    return out;
+}
+
+bool RawConnection::wait_closed(int timeoutMs) {
+    pollfd pfd{m_fd, POLLIN, 0};
+    if (poll(&pfd, 1, timeoutMs) != 1) return false;
+    char c;
+    return ::read(m_fd, &c, 1) <= 0;
+}
+
+void RawConnection::close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+}
+
+std::string hex(const std::string& text) {
+    std::string out;
+    int nibble = -1;
+    for (char c : text) {
+        if (std::isspace(static_cast<unsigned char>(c))) continue;
+        const int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
+                                                                  : std::tolower(c) - 'a' + 10;
+        if (nibble < 0) {
+            nibble = v;
+        } else {
+            out.push_back(static_cast<char>(nibble * 16 + v));
+            nibble = -1;
+        }
+    }
+    return out;
+}
+
+std::string to_hex(const std::string& bytes) {
+    std::string out;
+    char b[4];
+    for (unsigned char c : bytes) {
+        std::snprintf(b, sizeof b, "%02x ", c);
+        out += b;
+    }
+    return out;
+}
+
+}  // namespace testing
+}  // namespace orvi

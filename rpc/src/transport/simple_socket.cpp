@@ -1,0 +1,119 @@
+#include "orvi/simple_socket.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "orvi/frame_format.h"
+#include "transport/framing.h"
+#include "transport/socket_reader.h"
+
+namespace orvi {
+namespace simple_socket {
+
+namespace {
+
+[[noreturn]] void throw_send_failed() { throw SimpleSocketException("Failed to send data to server"); }
+
+// Sends the whole scatter list, resuming after partial writes.
+void write_pieces(int fd, std::vector<iovec> pieces) {
+    size_t first = 0;
+    while (first < pieces.size()) {
+        msghdr msg{};
+        msg.msg_iov = pieces.data() + first;
+        msg.msg_iovlen = pieces.size() - first;
+        const ssize_t r = sendmsg(fd, &msg, MSG_NOSIGNAL);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            throw_send_failed();
+        }
+        size_t done = static_cast<size_t>(r);
+        while (first < pieces.size() && done >= pieces[first].iov_len) {
+            done -= pieces[first].iov_len;
+            ++first;
+        }
+        if (done != 0) {
+            pieces[first].iov_base = static_cast<char*>(pieces[first].iov_base) + done;
+            pieces[first].iov_len -= done;
+        }
+    }
+}
+
+}  // namespace
+
+void write(int fd, const char* data, unsigned int size) {
+    if (size == 0) return;
+    write_pieces(fd, {iovec{const_cast<char*>(data), size}});
+}
+
+void read(int fd, char* data, int size) {
+    if (size <= 0) return;
+    int done = 0;
+    while (done < size) {
+        errno = 0;
+        const ssize_t r = ::read(fd, data + done, size - done);
+        if (r <= 0) {
+            if (r < 0 && errno == EINTR) continue;
+            throw SimpleSocketException(std::string("Failed to read data from server: ") +
+                                        strerror(errno));
+        }
+        done += static_cast<int>(r);
+    }
+}
+
+void client_handshake(int fd) {
+    // One write: the same two bytes on the wire, without waiting on Nagle.
+    const char hello[2] = {static_cast<char>(kHandshakeLead), static_cast<char>(kProtocolVersion)};
+    write(fd, hello, sizeof hello);
+    char answer = 0;
+    read(fd, &answer, 1);
+    if (static_cast<unsigned char>(answer) != kProtocolVersion) {
+        throw SimpleSocketException("Failed to connect, socket protocol mismatch");
+    }
+}
+
+ProtocolV1::ProtocolV1(int fd) : m_fd(fd), m_reader(new SocketReader(fd)) {}
+
+ProtocolV1::~ProtocolV1() = default;
+
+void ProtocolV1::send_message(const Message<BufferConst>& message) {
+    FrameEncoder frame(message);
+    write_pieces(m_fd, frame.pieces());
+}
+
+void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {
+    Message<BufferMutable> message;
+    if (!read_frame(*m_reader, message)) return;
+    info->m_handler->new_message(info->m_id, message);
+}
+
+size_t ProtocolV1::buffered() const { return m_reader->buffered(); }
+
+void ProtocolV1::set_wake_fd(int fd) { m_reader->set_wake_fd(fd); }
+
+void ProtocolV1::set_quick_ack(bool on) { m_reader->set_quick_ack(on); }
+
+bool ProtocolV1::at_end_of_stream() { return m_reader->at_end_of_stream(); }
+
+void ProtocolV1::read_exact(char* dst, size_t n) { m_reader->read_exact(dst, n); }
+
+InfoClient::InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler)
+    : m_id(id), m_handler(handler) {}
+
+InfoClient::~InfoClient() {
+    if (m_handler) m_handler->delete_client(m_id);
+    close(m_fd);
+    m_protocol.reset();
+    m_handler.reset();
+}
+
+void InfoClient::send(const Message<BufferConst>& message) {
+    std::lock_guard<std::mutex> lock(m_sendMutex);
+    m_protocol->send_message(message);
+}
+
+}  // namespace simple_socket
+}  // namespace orvi

@@ -1,0 +1,210 @@
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <iostream>
+
+#include "orvi/transport_simple_socket_client.h"
+#include "transport/socket_reader.h"
+
+namespace orvi {
+
+namespace {
+
+struct AddrInfoList {
+    addrinfo* list = nullptr;
+    ~AddrInfoList() {
+        if (list) freeaddrinfo(list);
+    }
+};
+
+long long elapsed_us(const timeval& start) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return (now.tv_sec - start.tv_sec) * 1000000LL + (now.tv_usec - start.tv_usec);
+}
+
+void set_nonblocking(int fd, bool on) {
+    const int flags = fcntl(fd, F_GETFL, 0);
+    fcntl(fd, F_SETFL, on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK));
+}
+
+void bind_local(int fd, const std::string& bind, const addrinfo& remote) {
+    addrinfo hints{};
+    hints.ai_family = remote.ai_family;
+    hints.ai_socktype = remote.ai_socktype;
+    hints.ai_protocol = remote.ai_protocol;
+    AddrInfoList local;
+    if (getaddrinfo(bind.c_str(), nullptr, &hints, &local.list) != 0) {
+        throw SimpleSocketException("Failed to resolve hostname " + bind);
+    }
+    for (addrinfo* a = local.list; a != nullptr; a = a->ai_next) {
+        if (::bind(fd, a->ai_addr, a->ai_addrlen) == 0) return;
+    }
+    throw SimpleSocketException("Failed to bind to " + bind);
+}
+
+}  // namespace
+
+TransportSimpleSocketClient::TransportSimpleSocketClient(const std::string& host,
+                                                         const std::string& port)
+    : m_host(host), m_port(port) {}
+
+TransportSimpleSocketClient::TransportSimpleSocketClient(const Url& url)
+    : m_host(url.host), m_port(url.port) {
+    auto it = url.params.find("bind");
+    if (it != url.params.end()) m_bind = it->second;
+}
+
+TransportSimpleSocketClient::~TransportSimpleSocketClient() {
+    stop_serve();
+    m_handler.reset();
+    m_socketPtr.reset();
+}
+
+void TransportSimpleSocketClient::write(int fd, const char* data, unsigned int size) {
+    simple_socket::write(fd, data, size);
+}
+
+void TransportSimpleSocketClient::read(int fd, char* data, unsigned int size) {
+    simple_socket::read(fd, data, static_cast<int>(size));
+}
+
+void TransportSimpleSocketClient::connect(int timeout) {
+    assert(!m_socketPtr);
+    auto info = std::make_shared<simple_socket::InfoClient>(0, nullptr);
+
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    AddrInfoList remote;
+    if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
+        throw SimpleSocketException("Failed to resolve hostname " + m_host + ":" + m_port);
+    }
+
+    timeval start;
+    gettimeofday(&start, nullptr);
+    const long long budget = static_cast<long long>(timeout) * 1000000LL;
+
+    for (addrinfo* a = remote.list; a != nullptr; a = a->ai_next) {
+        info->m_fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+        if (info->m_fd < 0) throw SimpleSocketException("Failed to create socket");
+        set_nonblocking(info->m_fd, true);
+        if (!m_bind.empty()) bind_local(info->m_fd, m_bind, *a);
+
+        // Only a connection in progress is waited for; anything else, even an
+        // immediate success, counts as a miss for this address.
+        if (::connect(info->m_fd, a->ai_addr, a->ai_addrlen) != -1 || errno != EINPROGRESS) {
+            close(info->m_fd);
+            info->m_fd = -1;
+            continue;
+        }
+
+        // Every address is charged for all the time spent since the start.
+        const long long left = budget - elapsed_us(start);
+        if (timeout > 0 && left <= 0) throw SimpleSocketException("Timeout occured");
+        pollfd pfd{info->m_fd, POLLOUT, 0};
+        const int waitMs = timeout > 0 ? static_cast<int>((left + 999) / 1000) : -1;
+        int r;
+        do {
+            r = poll(&pfd, 1, waitMs);
+        } while (r < 0 && errno == EINTR);
+        if (r == 0) throw SimpleSocketException("Timeout occured");
+        if (r < 0) {
+            close(info->m_fd);
+            info->m_fd = -1;
+            continue;
+        }
+
+        int error = 0;
+        socklen_t len = sizeof error;
+        if (getsockopt(info->m_fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0 || error != 0) {
+            throw SimpleSocketException("Failed to connect to " + m_host + ":" + m_port);
+        }
+        set_nonblocking(info->m_fd, false);
+        // One request and one answer at a time: never wait on Nagle.
+        const int one = 1;
+        setsockopt(info->m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+
+        simple_socket::client_handshake(info->m_fd);
+        info->m_protocol.reset(new simple_socket::ProtocolV1(info->m_fd));
+        info->m_protocol->set_quick_ack(true);
+        m_socketPtr = info;
+
+        if (auto handler = m_handler.lock()) start_serve(handler);
+        return;
+    }
+    throw SimpleSocketException("Failed to connect to " + m_host + ":" + m_port);
+}
+
+void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHandler>& handler) {
+    assert(m_socketPtr);
+    m_handler = handler;
+    m_socketPtr->m_id = handler->new_client(*this);
+    m_socketPtr->m_handler = handler;
+
+    if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
+    m_wake->reset();
+    m_socketPtr->m_protocol->set_wake_fd(m_wake->fd());
+    m_running = true;
+    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, m_socketPtr);
+}
+
+void TransportSimpleSocketClient::stop_serve() {
+    m_running = false;
+    if (m_wake) m_wake->signal();
+    if (m_thread.joinable()) m_thread.join();
+    m_thread = std::thread();
+}
+
+void TransportSimpleSocketClient::disconnect() {
+    stop_serve();
+    m_socketPtr.reset();
+}
+
+void TransportSimpleSocketClient::send_message(const Message<BufferConst>& message) {
+    if (!m_socketPtr) throw SimpleSocketException("TransportSocket not connected");
+    m_socketPtr->send(message);
+}
+
+void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info) {
+    if (!m_running) return;
+    try {
+        pollfd fds[2] = {{info->m_fd, POLLIN | POLLPRI | POLLERR | POLLNVAL, 0},
+                         {m_wake->fd(), POLLIN, 0}};
+        for (;;) {
+            const int r = poll(fds, 2, 1000);
+            if (r > 0 && (fds[1].revents & POLLIN)) return;  // stop_serve
+            if (r > 0 && (fds[0].revents & POLLNVAL)) {
+                if (!m_running) return;
+                info->m_handler->delete_client(info->m_id);
+                return;
+            }
+            if (r > 0 && fds[0].revents != 0) {
+                // Frames that arrived in one read are delivered before the
+                // next poll, which cannot see them.
+                do {
+                    info->m_protocol->recv_message(info);
+                } while (info->m_protocol->buffered() != 0 && m_running);
+            }
+            if (!m_running) return;
+        }
+    } catch (const simple_socket::ReadInterrupted&) {
+        return;
+    } catch (const std::exception& e) {
+        std::cerr << "Worker got exception: " << e.what() << std::endl;
+    } catch (...) {
+        std::cerr << "Worker got unknown exception" << std::endl;
+    }
+    m_running = false;
+    info->m_handler->delete_client(info->m_id);
+}
+
+}  // namespace orvi

@@ -1,0 +1,107 @@
+#include "orvi/url.h"
+
+#include <gtest/gtest.h>
+
+namespace orvi {
+namespace {
+
+using Params = std::map<std::string, std::string>;
+
+struct ParseCase {
+    std::string text;
+    std::string scheme, host, port, path;
+    Params params;
+};
+
+class ParseUrl : public ::testing::TestWithParam<ParseCase> {};
+
+TEST_P(ParseUrl, SplitsAsTheSearchDictates) {
+    const ParseCase& c = GetParam();
+    Url url;
+    url.user = "stale";
+    url.params["stale"] = "x";
+    parse_url(url, c.text);
+    EXPECT_EQ(url.scheme, c.scheme);
+    EXPECT_EQ(url.user, "");
+    EXPECT_EQ(url.password, "");
+    EXPECT_EQ(url.host, c.host);
+    EXPECT_EQ(url.port, c.port);
+    EXPECT_EQ(url.path, c.path);
+    EXPECT_EQ(url.params, c.params);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Quirks, ParseUrl,
+    ::testing::Values(
+        ParseCase{"tcp://192.168.15.1:7000?bind=192.168.15.2", "tcp", "192.168.15.1", "7000", "",
+                  {{"bind", "192.168.15.2"}}},
+        // Without "?" the whole text is read as one parameter.
+        ParseCase{"192.168.15.1:7000", "", "192.168.15.1", "7000", "",
+                  {{"192.168.15.1:7000", ""}}},
+        ParseCase{"tcp://host", "tcp", "host", "", "", {{"tcp://host", ""}}},
+        ParseCase{"tcp://h:7000?a=1&b=2&a=3", "tcp", "h", "7000", "", {{"a", "3"}, {"b", "2"}}},
+        ParseCase{"tcp://h:7000?flag&bind=x", "tcp", "h", "7000", "",
+                  {{"flag&bind=x", ""}, {"bind", "x"}}},
+        ParseCase{"tcp://h:7000?bind=", "tcp", "h", "7000", "", {{"bind", ""}}},
+        ParseCase{"tcp://h:7000?bind", "tcp", "h", "7000", "", {{"bind", ""}}},
+        ParseCase{"tcp://h:7000?", "tcp", "h", "7000", "", {}},
+        ParseCase{"tcp://h:7000?a=1&", "tcp", "h", "7000", "", {{"a", "1"}}},
+        // User info is never split off.
+        ParseCase{"tcp://u@h:7000", "tcp", "u@h", "7000", "", {{"tcp://u@h:7000", ""}}},
+        ParseCase{"tcp://u:p@h:7000", "tcp", "u", "p@h:7000", "", {{"tcp://u:p@h:7000", ""}}},
+        // The path's length is the absolute position of "?".
+        ParseCase{"tcp://h:1/p?bind=x", "tcp", "h", "1", "/p?bind=x", {{"bind", "x"}}},
+        ParseCase{"tcp://h:1/p", "tcp", "h", "1", "/p", {{"tcp://h:1/p", ""}}},
+        ParseCase{"/p?bind=x", "", "", "", "/p", {{"bind", "x"}}},
+        // A "/" after "?" still ends the authority.
+        ParseCase{"tcp://h:1?x=/y", "tcp", "h", "1?x=", "/y", {{"x", "/y"}}},
+        ParseCase{"", "", "", "", "", {}},
+        ParseCase{":8000", "", "", "8000", "", {{":8000", ""}}},
+        ParseCase{"tcp://:7000", "tcp", "", "7000", "", {{"tcp://:7000", ""}}},
+        ParseCase{"a=b=c", "", "a=b=c", "", "", {{"a", "b=c"}}}));
+
+TEST(SerializeUrl, WritesPartsInOrderWithoutParams) {
+    Url url;
+    url.scheme = "tcp";
+    url.host = "10.0.0.1";
+    url.port = "7000";
+    url.path = "/x";
+    url.params["bind"] = "ignored";
+    std::string out = "old";
+    serialize_url(out, url);
+    EXPECT_EQ(out, "tcp://10.0.0.1:7000//x");
+
+    url.user = "u";
+    url.password = "p";
+    serialize_url(out, url);
+    EXPECT_EQ(out, "tcp://u:p@10.0.0.1:7000//x");
+
+    url.password.clear();
+    url.path.clear();
+    url.port.clear();
+    serialize_url(out, url);
+    EXPECT_EQ(out, "tcp://u@10.0.0.1");
+
+    serialize_url(out, Url{});
+    EXPECT_EQ(out, "");
+}
+
+TEST(SerializeUrl, ReparsedPathGainsASlash) {
+    Url url;
+    parse_url(url, "tcp://h:7/p");
+    std::string out;
+    serialize_url(out, url);
+    EXPECT_EQ(out, "tcp://h:7//p");
+}
+
+TEST(Iequals, IgnoresAsciiCaseOnly) {
+    EXPECT_TRUE(iequals("TCP", "tcp"));
+    EXPECT_TRUE(iequals("", ""));
+    EXPECT_FALSE(iequals("tcp", "tcp "));
+    EXPECT_FALSE(iequals("tc", "tcp"));
+    EXPECT_FALSE(iequals("tcp", "udp"));
+    EXPECT_FALSE(iequals(std::string("a\0b", 3), "a"));
+}
+
+}  // namespace
+}  // namespace orvi
