@@ -1,2 +1,134 @@
+// The server transport against raw-socket clients.
 #include "orvi/transport_simple_socket_server.h"
+
+#include <chrono>
 #include <gtest/gtest.h>
+
+#include "testing/raw_peer.h"
+#include "testing/recording_handler.h"
+
+namespace orvi {
+namespace {
+
+using testing::hex;
+using testing::RawConnection;
+using testing::to_hex;
+
+struct Server {
+    std::shared_ptr<TransportSimpleSocketServer> transport =
+        std::make_shared<TransportSimpleSocketServer>("127.0.0.1", "0");
+    std::shared_ptr<testing::RecordingHandler> handler =
+        std::make_shared<testing::RecordingHandler>();
+    Server() {
+        transport->listen();
+        transport->start_serve(handler);
+    }
+    std::unique_ptr<RawConnection> greeted_client() {
+        auto c = std::make_unique<RawConnection>(RawConnection::connect_to(transport->local_port()));
+        c->write(hex("01 01"));
+        EXPECT_EQ(to_hex(c->read(1)), "01 ");
+        return c;
+    }
+};
+
+TEST(ServerTransport, ServesManyClientsBothWays) {
+    Server s;
+    EXPECT_NE(s.transport->local_port(), 0);
+    EXPECT_TRUE(s.transport->is_server());
+    auto a = s.greeted_client();
+    auto b = s.greeted_client();
+    ASSERT_TRUE(s.handler->wait_clients(2));
+
+    a->write(hex("02 00000001 41 00000002 4242"));
+    b->write(hex("01 00000000"));
+    ASSERT_TRUE(s.handler->wait_messages(2));
+    for (const auto& m : s.handler->messages()) {
+        if (m.buffers.size() == 2) {
+            EXPECT_EQ(m.buffers[0], "A");
+            EXPECT_EQ(m.buffers[1], "BB");
+        } else {
+            ASSERT_EQ(m.buffers.size(), 1u);
+            EXPECT_EQ(m.buffers[0], "");
+        }
+    }
+
+    const std::string x = "x", yz = "yz";
+    MessageConst m;
+    m.push_back(BufferConst(x.data(), 1));
+    m.push_back(BufferConst(yz.data(), 2));
+    const unsigned int idA = s.handler->messages()[0].buffers.size() == 2
+                                 ? s.handler->messages()[0].client
+                                 : s.handler->messages()[1].client;
+    s.transport->send_message(idA, m);
+    EXPECT_EQ(to_hex(a->read(12)), to_hex(hex("02 00000002 797a 00000001 78")));
+    s.transport->send_message(999, m);  // a client that never was: ignored
+}
+
+TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
+    Server s;
+    auto good = s.greeted_client();
+    ASSERT_TRUE(s.handler->wait_clients(1));
+
+    ::testing::internal::CaptureStderr();
+    {
+        RawConnection wrongVersion(RawConnection::connect_to(s.transport->local_port()));
+        wrongVersion.write(hex("01 02"));
+        EXPECT_EQ(to_hex(wrongVersion.read(1)), "01 ");
+        EXPECT_TRUE(wrongVersion.wait_closed());
+    }
+    {
+        auto vanishing = s.greeted_client();
+        ASSERT_TRUE(s.handler->wait_clients(2));
+        vanishing->write(hex("03 00000010 41"));
+    }
+    ASSERT_TRUE(s.handler->wait_deleted(1));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
+    EXPECT_NE(err.find("version 2"), std::string::npos) << err;
+    EXPECT_NE(err.find("Dropping client 2: Failed to read data from server"), std::string::npos)
+        << err;
+
+    good->write(hex("01 00000002 6f6b"));
+    ASSERT_TRUE(s.handler->wait_messages(1));
+    EXPECT_EQ(s.handler->messages()[0].buffers[0], "ok");
+    EXPECT_EQ(s.handler->messages()[0].client, 1u);
+}
+
+TEST(ServerTransport, CleanDisconnectIsReportedWithoutNoise) {
+    Server s;
+    ::testing::internal::CaptureStderr();
+    s.greeted_client().reset();
+    ASSERT_TRUE(s.handler->wait_deleted(1));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(ServerTransport, HandshakeAnswerCanBeForced) {
+    Server s;
+    s.transport->set_handshake_answer(2);
+    RawConnection c(RawConnection::connect_to(s.transport->local_port()));
+    c.write(hex("01 01"));
+    EXPECT_EQ(to_hex(c.read(1)), "02 ");
+    EXPECT_TRUE(c.wait_closed());
+    EXPECT_EQ(s.handler->clients(), 0u);
+}
+
+TEST(ServerTransport, StopClosesEverythingPromptly) {
+    Server s;
+    auto a = s.greeted_client();
+    auto b = s.greeted_client();
+    RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
+    ASSERT_TRUE(s.handler->wait_clients(2));
+    a->write(hex("02 00000004 41"));  // half a frame: the reader is mid-read
+
+    const auto start = std::chrono::steady_clock::now();
+    s.transport->stop_serve();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_TRUE(a->wait_closed());
+    EXPECT_TRUE(b->wait_closed());
+    EXPECT_TRUE(silent.wait_closed());
+    EXPECT_EQ(s.handler->deleted().size(), 2u);
+    EXPECT_THROW(RawConnection::connect_to(s.transport->local_port()), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace orvi
