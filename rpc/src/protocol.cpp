@@ -156,9 +156,14 @@ void Protocol::delete_client(unsigned int id) {
         clientLock = std::unique_lock<std::mutex>(client->mutex);
         m_clientMap.erase(it);
     }
-    // The client is out of the map, so proxy_done (reached from client_lost)
-    // finds nothing and takes no client mutex.
-    for (auto& entry : client->proxyMap) {
+    // The client is out of the map, so nobody else can reach its proxies.
+    // They are told with no lock held: client_lost ends in proxy_done, which
+    // takes the clients lock, and holding the client's mutex across it would
+    // invert the lock order.
+    std::map<unsigned int, std::shared_ptr<Proxy>> proxies;
+    proxies.swap(client->proxyMap);
+    clientLock.unlock();
+    for (auto& entry : proxies) {
         --m_stats.proxiesActive;
         entry.second->client_lost("Connection lost");
     }

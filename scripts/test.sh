@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs what is needed, then builds and runs every test three ways:
+#   1. a normal build;
+#   2. AddressSanitizer + UndefinedBehaviorSanitizer;
+#   3. ThreadSanitizer, for the threaded parts (engine, transports, client).
+# Any failure fails the whole run.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+bash scripts/setup.sh
+
+jobs=$(nproc)
+run() { # name build-dir ctest-args... -- cmake-args...
+  local name=$1 dir=$2; shift 2
+  local ctest_args=() cmake_args=()
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do ctest_args+=("$1"); shift; done
+  [ $# -gt 0 ] && shift
+  cmake_args=("$@")
+  echo "=== $name: build"
+  bash scripts/build.sh "$dir" "${cmake_args[@]}"
+  echo "=== $name: test"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 "${ctest_args[@]}")
+}
+
+run "normal" build/test-normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run "asan+ubsan" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=address,undefined
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread
+echo "=== all test runs passed"
