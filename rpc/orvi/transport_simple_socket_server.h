@@ -51,6 +51,8 @@ public:
     bool is_server() const override { return true; }
     // A client that is gone is skipped silently.
     void send_message(unsigned int client_id, const Message<BufferConst>& message) override;
+    // Breaks one client's connection; its reader then reports it gone.
+    void disconnect_client(unsigned int client_id);
 
 private:
     struct Reader {

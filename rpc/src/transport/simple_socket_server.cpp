@@ -98,6 +98,12 @@ void TransportSimpleSocketServer::send_message(unsigned int client_id,
     info->send(message);
 }
 
+void TransportSimpleSocketServer::disconnect_client(unsigned int client_id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_clients.find(client_id);
+    if (it != m_clients.end()) shutdown(it->second->m_fd, SHUT_RDWR);
+}
+
 void TransportSimpleSocketServer::reap_finished_readers() {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto it = m_readers.begin(); it != m_readers.end();) {

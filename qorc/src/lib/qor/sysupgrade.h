@@ -1,0 +1,71 @@
+// The system upgrade: stream the image, follow the reboot, check the result.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "orvi/protocol.h"
+#include "qor/sysupgrade_handler.h"
+
+namespace qor {
+namespace client {
+
+constexpr const char* kSysupgradeMarkerFile = "/tmp/qor_sysupgrade";
+constexpr size_t kSysupgradeChunkSize = 4096;
+
+// The upload command. The board paces it: each NEXT answer asks for one
+// 4096-byte chunk, which the worker reads from the file and sends at once,
+// so one chunk is in flight and the image is never held whole.
+class Sysupgrade : public orvi::ProxyCommandClient {
+public:
+    using ProxyCommandClient::ProxyCommandClient;
+    ~Sysupgrade() override;
+
+    // Throws orvi::ProxyCommandException when the image cannot be used or the
+    // board fails the transfer before its last byte. A failure after the last
+    // byte is the board rebooting: it is logged, not thrown.
+    void execute(const std::string& fw, bool keep_config, bool no_keep,
+                 const SysupgradeHandler& handler);
+    // Body of the thread started after the last chunk; empty in this version.
+    void worker_for_dummy_packets();
+
+protected:
+    void process_message(const char* data, unsigned int size) override;
+
+private:
+    std::mutex m_mutex;  // guards m_handler
+    const SysupgradeHandler* m_handler = nullptr;
+
+    // Everything below is used by the worker while the transfer runs, and by
+    // execute after it; m_transferMutex keeps the two apart.
+    std::mutex m_transferMutex;
+    bool m_finished = false;  // execute is past wait(): late answers are dropped
+    std::ifstream m_file;
+    uint32_t m_length = 0;
+    uint32_t m_lengthDone = 0;
+    std::unique_ptr<char[]> m_buffer;
+    std::unique_ptr<std::thread> m_dummyWorker;
+    std::atomic<bool> m_dummyRunning{false};
+};
+
+// Waits until the board reports the end of its boot (see boot_end.cpp).
+// Never throws.
+void _wait_system_boot_end(orvi::Protocol& protocol, const SysupgradeHandler* handler,
+                           int first_count);
+
+// The whole upgrade; throws orvi::ProxyCommandException on failure. Holds the
+// marker file with our pid from start to end, whatever the outcome.
+void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_config, bool no_keep,
+                int timeout, const std::string& reboot_url, const SysupgradeHandler& handler);
+
+// Seconds to pause after a failed reconnection attempt, given the seconds
+// since the previous one: 1 after a quick failure, never more than 1.
+unsigned int reconnect_pause(long elapsed);
+
+}  // namespace client
+}  // namespace qor

@@ -1,0 +1,131 @@
+#include "device_commands.h"
+
+#include <strings.h>
+
+#include <cctype>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+namespace qorc {
+
+namespace {
+
+const char* const kPsiReadPath = "/boot/psi";
+const char* const kPsiAmendPath = "/update/psi/amend";
+
+int open_failed(const std::string& path) {
+    std::cerr << "Failed to open \"" << path << "\"" << std::endl;
+    return 2;
+}
+
+void trim(std::string& s) {
+    size_t end = s.size();
+    while (end > 0 && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
+    s.erase(end);
+    size_t begin = 0;
+    while (begin < s.size() && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
+    s.erase(0, begin);
+}
+
+}  // namespace
+
+int fallback_ffh(qor::Client& client) {
+    std::cout << "Fallback to FFH..." << std::flush;
+    client.fallback_ffh();
+    std::cout << "\rFallback to FFH completed, rebooting" << std::endl;
+    return 0;
+}
+
+int fw_config_mode(qor::Client& client) {
+    bool is_fff = false;
+    client.fw_config_mode(is_fff);
+    std::cout << "FW configuration mode: " << (is_fff ? "FFF" : "FFH") << std::endl;
+    return 0;
+}
+
+int activate_talvex(qor::Client& client, const std::string& passcode) {
+    client.get_device(0).activate_talvex(passcode);
+    return 0;
+}
+
+int psi_get(qor::Client& client, const std::string& path) {
+    std::string json;
+    {
+        qor::client::Device device = client.get_device(0);
+        device.psi_get(kPsiReadPath, json);
+    }
+    if (path.empty()) {
+        std::cout << json << std::endl;
+        return 0;
+    }
+    std::ofstream file(path, std::ios::out | std::ios::trunc);
+    if (!file.is_open()) return open_failed(path);
+    file << json << '\n';
+    return 0;
+}
+
+int psi_set(qor::Client& client, const std::string& path) {
+    std::ifstream file(path, std::ios::in | std::ios::binary);
+    if (!file.is_open()) return open_failed(path);
+    std::string content;
+    file.seekg(0, std::ios::end);
+    const std::streamoff size = file.tellg();
+    if (size > 0) content.reserve(static_cast<size_t>(size));
+    file.seekg(0, std::ios::beg);
+    content.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+
+    client.get_device(0).psi_set(kPsiAmendPath, content);
+    return 0;
+}
+
+int reset_imei(qor::Client& client, const std::string& path) {
+    std::ifstream file(path);
+    if (!file.is_open()) return open_failed(path);
+
+    qor::client::Device device = client.get_device(0);
+    qor::client::DeviceIdentities ids;
+    device.get_identities(ids);
+    std::cout << "device identities:\n\tMAC: " << ids.mac << "\n\tIMEI: " << ids.imei
+              << "\n\tSERIAL: " << ids.serial << std::endl;
+
+    // Records are "<MAC> <passcode>" lines; '-' and ':' both separate the MAC.
+    // A failed read keeps the previous passcode: after a final newline, one
+    // more pass sees an empty key with the last record's passcode.
+    std::string passcode;
+    while (!file.eof()) {
+        std::string key;
+        file >> key;
+        for (char& c : key) {
+            if (c == '-') c = ':';
+        }
+        std::getline(file, passcode);
+        trim(passcode);
+        if (strcasecmp(key.c_str(), ids.mac.c_str()) == 0) {
+            device.reset_imei(passcode);
+            return 0;
+        }
+    }
+    std::cerr << "No passcode found for this device (" << ids.mac << ")" << std::endl;
+    return 1;
+}
+
+void worker(const char* host, const char* port, bool loop, unsigned int number) {
+    std::cout << "Worker" << std::endl;
+    std::cout << host << ":" << port << std::endl;
+    try {
+        qor::Client client;
+        client.connect(host, port, "", 0);
+        for (unsigned long n = 1;; ++n) {
+            std::string reply;
+            client.echo("coucou", reply);
+            client.echo("coucou", reply);
+            std::cout << "Worker " << number << ": count = " << n << std::endl;
+            if (!loop) break;
+        }
+    } catch (const std::exception& e) {
+        std::cerr << "catch exception: " << e.what() << std::endl;
+    }
+}
+
+}  // namespace qorc

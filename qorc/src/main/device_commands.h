@@ -1,0 +1,28 @@
+// The sub-commands of qorc. Each returns the exit status; exceptions pass
+// to main, which reports them. Device operations address device 0.
+#pragma once
+
+#include <string>
+
+#include "qor/client.h"
+
+namespace qorc {
+
+int fallback_ffh(qor::Client& client);
+int fw_config_mode(qor::Client& client);
+int activate_talvex(qor::Client& client, const std::string& passcode);
+// Empty path: the JSON goes to standard output. 2 when the file cannot be
+// written (the board has been asked already).
+int psi_get(qor::Client& client, const std::string& path);
+// 2, without asking the board, when the file cannot be read.
+int psi_set(qor::Client& client, const std::string& path);
+// 2 when the passcode file cannot be read, 1 when it has no record for the
+// device's MAC.
+int reset_imei(qor::Client& client, const std::string& path);
+int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
+               int timeout, std::string reboot_url);
+
+// The echo worker: two echoes per pass, once or forever.
+void worker(const char* host, const char* port, bool loop, unsigned int number);
+
+}  // namespace qorc

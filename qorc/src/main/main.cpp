@@ -1,0 +1,46 @@
+// qorc: runs one sub-command against the board's daemon and exits.
+#include <iostream>
+
+#include "arguments.h"
+#include "device_commands.h"
+#include "qor/client.h"
+
+namespace {
+
+int dispatch(qor::Client& client, const qorc::Arguments& a, const std::string& url) {
+    if (a.fallback_ffh) return qorc::fallback_ffh(client);
+    if (a.fw_config_mode) return qorc::fw_config_mode(client);
+    if (a.sysupgrade) {
+        const int timeout = a.timeout == -1 ? qorc::kDefaultRebootTimeout : a.timeout;
+        return qorc::sysupgrade(client, a.fw, a.keep_config, a.no_keep, timeout,
+                                a.reboot_url.empty() ? url : a.reboot_url);
+    }
+    if (a.psi_get) return qorc::psi_get(client, a.path);
+    if (a.psi_set) return qorc::psi_set(client, a.path);
+    if (a.reset_imei) return qorc::reset_imei(client, a.path);
+    if (a.activate) return qorc::activate_talvex(client, a.passcode);
+    return 0;  // discover: connecting was the whole job
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    qorc::Arguments args;
+    const int status = qorc::parse_arguments(argc, argv, args);
+    if (status >= 0) return status;
+
+    std::string host, port;
+    qorc::split_address(args.url, host, port);
+    std::cout << "Try to connect to " << host << ":" << port << std::endl;
+    // Only the default reboot address of sysupgrade uses this form.
+    const std::string url = "tcp://" + host + ":" + port;
+
+    qor::Client client;
+    try {
+        client.connect(host, port, args.bind, 0);
+        return dispatch(client, args, url);
+    } catch (const std::exception& e) {
+        std::cerr << "Error: " << e.what() << std::endl;
+        return 1;
+    }
+}

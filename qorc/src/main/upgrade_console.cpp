@@ -1,0 +1,56 @@
+#include "upgrade_console.h"
+
+#include <iostream>
+
+#include "arguments.h"
+#include "device_commands.h"
+#include "orvi/url.h"
+
+namespace qorc {
+
+const char* sysupgrade_status_text(int status) {
+    static const char* const kTexts[] = {"Upgrading...",  "Upgrade failed", "Upgrade done with success",
+                                         "Rebooting...",  "Reboot failed",  "Reboot done"};
+    const unsigned int index = static_cast<unsigned int>(status);
+    return index < 6 ? kTexts[index] : "!!! UNKNOWN UPGRADE STATUS !!!";
+}
+
+void SysupgradeLogHandler::on_status_update(Status status) const {
+    if (m_lastProgress != -1) {
+        m_lastProgress = -1;
+        std::cout << '\n';
+    }
+    std::cout << sysupgrade_status_text(status);
+    // "Rebooting..." stays open for the dots that follow.
+    if (status != REBOOTING) std::cout << '\n';
+    std::cout << std::flush;
+}
+
+void SysupgradeLogHandler::log(const std::string& text) const { std::cout << text << std::flush; }
+
+void SysupgradeLogHandler::progression(float percent) const {
+    const int n = static_cast<int>(percent);
+    if (n == m_lastProgress) return;
+    m_lastProgress = n;
+    std::cout << "\r" << n << " % " << std::flush;
+}
+
+void SysupgradeLogHandler::on_connect_retry(unsigned int count) const {
+    m_lastProgress = static_cast<int>(count);
+    std::cout << "." << std::flush;
+}
+
+int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
+               int timeout, std::string reboot_url) {
+    orvi::Url url;
+    orvi::parse_url(url, reboot_url);
+    if (url.scheme.empty()) url.scheme = "tcp";
+    if (url.port.empty()) url.port = kDefaultPort;
+    orvi::serialize_url(reboot_url, url);
+
+    SysupgradeLogHandler handler;
+    client.sysupgrade(fw, keep_config, no_keep, timeout, reboot_url, handler);
+    return 0;
+}
+
+}  // namespace qorc

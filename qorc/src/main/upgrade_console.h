@@ -1,0 +1,27 @@
+// The console face of the system upgrade.
+#pragma once
+
+#include "qor/sysupgrade_handler.h"
+
+namespace qorc {
+
+// Draws the percentage in place, a dot per second of reboot wait, and one
+// line per status. Everything goes to standard output, flushed at once.
+// No lock: every progression call is over before the first status after
+// UPGRADING (the transfer ends first).
+class SysupgradeLogHandler : public qor::client::SysupgradeHandler {
+public:
+    ~SysupgradeLogHandler() override = default;
+    void on_status_update(Status status) const override;
+    void log(const std::string& text) const override;
+    void progression(float percent) const override;
+    void on_connect_retry(unsigned int count) const override;
+
+private:
+    // -1 when no percentage or dots line is open, else the last figure shown.
+    mutable int m_lastProgress = -1;
+};
+
+const char* sysupgrade_status_text(int status);
+
+}  // namespace qorc

@@ -1,0 +1,149 @@
+#include "board.h"
+
+#include <iostream>
+
+#include "handlers.h"
+
+namespace qord_sim {
+
+Board::Board(const Options& options, BoardState& state)
+    : m_options(options),
+      m_state(state),
+      m_protocol(new orvi::Protocol(static_cast<size_t>(options.workers))) {
+    m_bootDoneAt = std::chrono::steady_clock::now();
+    if (!m_state.boot_done_at_start()) m_bootDoneAt += std::chrono::milliseconds(options.bootTimeMs);
+    register_commands();
+}
+
+Board::~Board() {
+    stop();
+    // The engine stops the transport and joins its workers.
+    m_protocol.reset();
+}
+
+void Board::register_commands() {
+    for (auto& entry : make_handler_factories(*this)) {
+        if (m_options.refused.count(entry.first)) continue;
+        m_protocol->add_command(entry.first, entry.second);
+    }
+}
+
+std::shared_ptr<orvi::TransportSimpleSocketServer> Board::listen_on(const std::string& host,
+                                                                    const std::string& port) {
+    auto transport = std::make_shared<orvi::TransportSimpleSocketServer>(host, port);
+    transport->set_nodelay(m_options.nodelay);
+    transport->set_handshake_answer(static_cast<unsigned char>(m_options.handshakeVersion));
+    transport->listen();
+    return transport;
+}
+
+void Board::announce(const std::string& what, const std::string& host, unsigned short port) {
+    std::cout << "qord-sim " << what << " " << host << ":" << port << std::endl;
+}
+
+std::string Board::start() {
+    auto transport = listen_on(m_options.listenHost, m_options.listenPort);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_transport = transport;
+        m_port = transport->local_port();
+        m_up = true;
+    }
+    m_protocol->add_transport(transport);
+    announce("listening on", m_options.listenHost, transport->local_port());
+    return m_options.listenHost + ":" + std::to_string(transport->local_port());
+}
+
+void Board::run() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping) {
+        if (m_rebootRequested) {
+            m_rebootRequested = false;
+            reboot(lock);
+            continue;
+        }
+        m_cond.wait(lock);
+    }
+}
+
+void Board::stop() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopping = true;
+    m_cond.notify_all();
+}
+
+void Board::request_reboot() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_rebootRequested = true;
+    m_cond.notify_all();
+}
+
+bool Board::boot_done() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_up && std::chrono::steady_clock::now() >= m_bootDoneAt;
+}
+
+bool Board::wait_boot_done() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        if (m_stopping) return false;
+        const auto now = std::chrono::steady_clock::now();
+        if (m_up && now >= m_bootDoneAt) return true;
+        if (m_up) {
+            m_cond.wait_until(lock, m_bootDoneAt);
+        } else {
+            m_cond.wait(lock);
+        }
+    }
+}
+
+void Board::drop_client(unsigned int client_id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_transport) m_transport->disconnect_client(client_id);
+}
+
+// Runs on the control thread with m_mutex held; releases it while waiting.
+void Board::reboot(std::unique_lock<std::mutex>& lock) {
+    using std::chrono::milliseconds;
+    // Let the answer that asked for the reboot reach the client first.
+    if (m_cond.wait_for(lock, milliseconds(m_options.rebootGraceMs), [&] { return m_stopping; })) {
+        return;
+    }
+    std::shared_ptr<orvi::TransportSimpleSocketServer> old = std::move(m_transport);
+    m_up = false;
+    lock.unlock();
+    std::cout << "qord-sim rebooting" << std::endl;
+    m_protocol->remove_transport(old);
+    old.reset();
+    lock.lock();
+
+    if (m_cond.wait_for(lock, milliseconds(m_options.rebootDelayMs), [&] { return m_stopping; })) {
+        return;
+    }
+    if (m_options.neverReturn) {
+        std::cout << "qord-sim stays down" << std::endl;
+        m_cond.wait(lock, [&] { return m_stopping; });
+        return;
+    }
+    const std::string host = m_options.rebootHost.empty() ? m_options.listenHost : m_options.rebootHost;
+    // Same port as before unless another one is named (a chosen free port included).
+    const std::string port =
+        m_options.rebootPort.empty() ? std::to_string(m_port) : m_options.rebootPort;
+    lock.unlock();
+    std::shared_ptr<orvi::TransportSimpleSocketServer> back;
+    try {
+        back = listen_on(host, port);
+        m_protocol->add_transport(back);
+        announce("back on", host, back->local_port());
+    } catch (const std::exception& e) {
+        std::cerr << "qord-sim: cannot come back on " << host << ":" << port << ": " << e.what()
+                  << std::endl;
+    }
+    lock.lock();
+    m_transport = back;
+    m_up = back != nullptr;
+    m_bootDoneAt = std::chrono::steady_clock::now() + milliseconds(m_options.bootTimeMs);
+    m_cond.notify_all();
+}
+
+}  // namespace qord_sim

@@ -1,0 +1,59 @@
+// The simulated board's persistent state: devices, PSI documents,
+// passcodes, firmware source and identity. Kept as one JSON document; every
+// accepted change is written back atomically (temporary file, then rename).
+// Thread-safe: every operation takes m_mutex.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace qord_sim {
+
+struct Identities {
+    std::string mac, imei, serial;
+};
+
+class BoardState {
+public:
+    // Defaults for everything; the file (optional) overrides what it names.
+    // Throws std::runtime_error with a readable message for a bad file.
+    explicit BoardState(const std::string& path);
+
+    static nlohmann::json defaults();
+
+    bool has_device(long id);
+    std::optional<Identities> identities(long id);
+    std::optional<std::string> psi(long id);
+    // RFC 7386 merge patch. Throws std::runtime_error for text that is not
+    // JSON; the document is then unchanged.
+    void amend_psi(long id, const std::string& patch);
+    // Throws std::runtime_error for a wrong passcode.
+    void reset_imei(long id, const std::string& passcode);
+    void activate_talvex(long id, const std::string& passcode);
+
+    bool is_fff();
+    void set_fff(bool fff);
+    std::string version();
+    std::string magic();
+    void install_firmware(const std::string& version, const std::string& magic);
+    bool boot_done_at_start();
+
+    nlohmann::json snapshot();
+
+private:
+    nlohmann::json* device(long id);  // m_mutex held
+    // Applies a change to a copy, writes the copy, then adopts it: a change
+    // that cannot be saved is not made. m_mutex held.
+    template <class F>
+    void change(F&& mutate);
+    void save(const nlohmann::json& doc);
+
+    std::mutex m_mutex;
+    nlohmann::json m_doc;
+    std::string m_path;  // empty: nothing is written
+};
+
+}  // namespace qord_sim

@@ -1,0 +1,49 @@
+// qord-sim: a simulated board for trying and testing qorc on one machine.
+#include <signal.h>
+
+#include <iostream>
+#include <thread>
+
+#include "board.h"
+#include "board_state.h"
+#include "options.h"
+
+int main(int argc, char** argv) {
+    qord_sim::Options options;
+    const int status = qord_sim::parse_options(argc, argv, options);
+    if (status >= 0) return status;
+
+    std::unique_ptr<qord_sim::BoardState> state;
+    try {
+        state.reset(new qord_sim::BoardState(options.statePath));
+    } catch (const std::exception& e) {
+        std::cerr << "qord-sim: " << e.what() << std::endl;
+        return 2;
+    }
+
+    // Signals are taken by one thread with sigwait; every other thread,
+    // started below, inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    qord_sim::Board board(options, *state);
+    try {
+        board.start();
+    } catch (const std::exception& e) {
+        std::cerr << "qord-sim: cannot listen on " << options.listenHost << ":"
+                  << options.listenPort << ": " << e.what() << std::endl;
+        return 1;
+    }
+    std::thread waiter([&] {
+        int sig = 0;
+        sigwait(&signals, &sig);
+        board.stop();
+    });
+    board.run();
+    waiter.join();
+    std::cout << "qord-sim stopped" << std::endl;
+    return 0;
+}
