@@ -153,6 +153,10 @@ bool misbehaviour(Board& board, const std::string& name, Handler::Body& body) {
         };
         return true;
     }
+    if (board.options().stalled.count(name)) {
+        body = [](Handler&, const std::string&) {};
+        return true;
+    }
     return false;
 }
 

@@ -37,6 +37,7 @@ Misbehaviour, for tests (may be repeated; NAME is a command name such as
   --refuse NAME             Answer NAME as an unknown command.
   --fail NAME=TEXT          Answer NAME with an exception carrying TEXT.
   --drop NAME               Break the connection in the middle of NAME.
+  --stall NAME              Never answer NAME.
   --handshake-version N     Answer the handshake with version N.
   --refuse-chunk N          Refuse the upgrade image at its N-th chunk.
   --drop-after-last-chunk   Break the connection right after the last chunk.
@@ -46,7 +47,7 @@ Misbehaviour, for tests (may be repeated; NAME is a command name such as
 )";
 
 const std::set<std::string> kValueOptions = {
-    "--listen", "--reboot-listen", "--state", "--image-out", "--refuse", "--drop", "--fail",
+    "--listen", "--reboot-listen", "--state", "--image-out", "--refuse", "--drop", "--stall", "--fail",
     "--reboot-delay-ms", "--reboot-grace-ms", "--boot-time-ms", "--workers",
     "--handshake-version", "--refuse-chunk"};
 
@@ -121,6 +122,8 @@ int parse_options(int argc, char** argv, Options& o) {
             o.refused.insert(full_command_name(value));
         } else if (arg == "--drop") {
             o.dropped.insert(full_command_name(value));
+        } else if (arg == "--stall") {
+            o.stalled.insert(full_command_name(value));
         } else if (arg == "--fail") {
             const std::string v = value;
             const size_t eq = v.find('=');

@@ -25,6 +25,7 @@ struct Options {
     std::set<std::string> refused;                // commands answered as unknown
     std::map<std::string, std::string> failures;  // command -> exception text
     std::set<std::string> dropped;                // commands whose connection breaks
+    std::set<std::string> stalled;                // commands never answered
     unsigned long refuseChunk = 0;                // 1-based; 0: never
     bool dropAfterLastChunk = false;
     bool neverReturn = false;
