@@ -1,1 +1,126 @@
+// qord-sim as a program: start-up, state file, shutdown and bad clients.
+#include <signal.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
+
+#include "harness.h"
+#include "testing/raw_peer.h"
+
+namespace e2e {
+namespace {
+
+using orvi::testing::hex;
+using orvi::testing::RawConnection;
+
+Result run_sim(const std::vector<std::string>& args) {
+    TempDir dir;
+    Result r;
+    {
+        Process p(qord_sim_binary(), args, dir.file("out"), dir.file("err"));
+        r.status = p.wait(10000);
+    }
+    r.out = read_file(dir.file("out"));
+    r.err = read_file(dir.file("err"));
+    return r;
+}
+
+TEST(Simulator, UsageAndBadInput) {
+    const Result help = run_sim({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* option : {"--listen", "--state", "--refuse", "--fail", "--drop", "--stall",
+                               "--handshake-version", "--refuse-chunk", "--drop-after-last-chunk",
+                               "--never-return", "--no-version", "--only-wait-boot-end"}) {
+        EXPECT_NE(help.out.find(option), std::string::npos) << option;
+    }
+    EXPECT_EQ(run_sim({"--bogus"}).status, 2);
+    EXPECT_EQ(run_sim({"--listen"}).status, 2);
+    EXPECT_EQ(run_sim({"--workers", "0"}).status, 2);
+    EXPECT_EQ(run_sim({"--listen", "127.0.0.1"}).status, 2);
+
+    TempDir dir;
+    const Result bad = run_sim({"--state", dir.write("s.json", "{not json"), "--listen", "127.0.0.1:0"});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("is not JSON"), std::string::npos) << bad.err;
+    EXPECT_EQ(run_sim({"--state", dir.write("t.json", "{\"devices\": 3}"), "--listen",
+                       "127.0.0.1:0"}).status,
+              2);
+}
+
+TEST(Simulator, StopsCleanlyOnSignals) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        Sim sim;
+        sim.process().signal(sig);
+        EXPECT_EQ(sim.process().wait(5000), 0);
+        EXPECT_NE(sim.out().find("qord-sim stopped"), std::string::npos);
+    }
+}
+
+TEST(Simulator, SurvivesMisbehavingClients) {
+    TempDir dir;
+    const std::string state = dir.file("state.json");
+    Sim sim({"--state", state, "--stall", "fw_config_mode"});
+    const std::vector<std::string> url = sim.url();
+    auto qorc = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), url.begin(), url.end());
+        return run_qorc(args);
+    };
+    ASSERT_EQ(qorc({"activate", "TALVEX-5678"}).status, 0);
+
+    // kill -9 of a client in the middle of a command.
+    {
+        std::vector<std::string> args = url;
+        args.push_back("fw_config_mode");
+        Process stuck(qorc_binary(), args, dir.file("o"), dir.file("e"));
+        usleep(300000);
+        ASSERT_TRUE(stuck.running());
+        stuck.signal(SIGKILL);
+        stuck.wait();
+    }
+    // A wrong handshake, a garbage frame, a client that vanishes mid-frame.
+    {
+        RawConnection wrong(RawConnection::connect_to(sim.port()));
+        wrong.write(hex("01 07"));
+        EXPECT_EQ(wrong.read(1), hex("01"));
+        EXPECT_TRUE(wrong.wait_closed());
+    }
+    {
+        RawConnection garbage(RawConnection::connect_to(sim.port()));
+        garbage.write(hex("01 01"));
+        garbage.read(1);
+        garbage.write(hex("02 00000003 ffffff 00000001 00"));
+        garbage.write(hex("05 00000010 41"));
+    }
+    {
+        RawConnection idle(RawConnection::connect_to(sim.port()));
+        idle.write(hex("01"));
+    }
+
+    const Result r = qorc({"psi_get"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_NE(read_file(state).find("\"talvex_active\": true"), std::string::npos);
+    EXPECT_EQ(sim.stop(), 0);
+}
+
+TEST(Simulator, StateOutlivesAKilledSimulator) {
+    TempDir dir;
+    const std::string state = dir.file("state.json");
+    {
+        Sim sim({"--state", state});
+        const std::string patch = dir.write("p.json", "{\"apn\": \"private\"}");
+        ASSERT_EQ(run_qorc({"-u", sim.address(), "psi_set", patch}).status, 0);
+        sim.process().signal(SIGKILL);
+        sim.process().wait();
+    }
+    Sim again({"--state", state});
+    const Result r = run_qorc({"-u", again.address(), "psi_get"});
+    EXPECT_EQ(r.out, "Try to connect to " + again.address() + "\n" +
+                         R"({"apn":"private","band":{"lte":[1,3,7,20]},"roaming":false})" + "\n");
+    // No temporary file is left beside the state.
+    EXPECT_EQ(read_file(state).empty(), false);
+    EXPECT_FALSE(file_exists(state + ".tmp." + std::to_string(again.process().pid())));
+}
+
+}  // namespace
+}  // namespace e2e
