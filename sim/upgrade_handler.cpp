@@ -1,6 +1,7 @@
 // The board's side of an upgrade: ask for the image chunk by chunk, check
 // every size, report a few flashing steps, finish, reboot into the image.
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
 
 #include "board.h"
@@ -67,6 +68,9 @@ private:
         m_started = true;
         m_size = request.fw_size();
         if (m_size == 0) throw std::runtime_error("empty image refused");
+        std::cout << "qord-sim upgrade: " << m_size << " bytes, keep_config="
+                  << request.keep_config() << ", not_save_config=" << request.not_save_config()
+                  << std::endl;
         if (!m_board.options().imageOut.empty()) {
             m_out.open(m_board.options().imageOut, std::ios::binary | std::ios::trunc);
         }
