@@ -1,1 +1,100 @@
+// The boot-end wait and the reconnection pause, against a scripted board.
+#include "qor/sysupgrade.h"
+
+#include <fstream>
 #include <gtest/gtest.h>
+
+#include "orvi/transport_simple_socket_client.h"
+#include "qor/protobuf/system_boot_end.pb.h"
+#include "qor/testing/fake_board.h"
+
+namespace qor {
+namespace client {
+namespace {
+
+using qord_sim::Handler;
+
+struct RecordingHandler : SysupgradeHandler {
+    mutable std::vector<unsigned int> retries;
+    mutable std::vector<Status> statuses;
+    void on_status_update(Status s) const override { statuses.push_back(s); }
+    void log(const std::string&) const override {}
+    void progression(float) const override {}
+    void on_connect_retry(unsigned int n) const override { retries.push_back(n); }
+};
+
+struct Session {
+    orvi::Protocol protocol{1};
+    explicit Session(const std::string& port) {
+        auto t = std::make_shared<orvi::TransportSimpleSocketClient>("127.0.0.1", port);
+        t->connect(0);
+        protocol.add_transport(t);
+    }
+};
+
+TEST(BootEnd, PollsEverySecondUntilDone) {
+    testing::FakeBoard board;
+    std::atomic<int> polls{0};
+    board.on("system_boot_end", [&](Handler& h, const std::string&) {
+        qor::protobuf::system_boot_end::Answer a;
+        a.set_boot_done(++polls >= 3);
+        h.answer(a);
+    });
+    Session s(board.port());
+    RecordingHandler handler;
+    _wait_system_boot_end(s.protocol, &handler, 7);
+    EXPECT_EQ(polls, 3);
+    EXPECT_EQ(handler.retries, (std::vector<unsigned int>{7, 8}));
+
+    _wait_system_boot_end(s.protocol, nullptr, 0);  // done at once, no callback
+    EXPECT_EQ(polls, 4);
+    EXPECT_EQ(board.calls("wait_system_boot_end"), 0);
+}
+
+TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
+    testing::FakeBoard board;
+    board.on("wait_system_boot_end", [](Handler& h, const std::string&) {
+        h.send_command_exception("still booting");
+        h.orvi::Proxy::set_done();
+    });
+    Session s(board.port());
+    RecordingHandler handler;
+    _wait_system_boot_end(s.protocol, &handler, 0);  // must not throw
+    EXPECT_EQ(board.calls("wait_system_boot_end"), 1);
+    EXPECT_TRUE(handler.retries.empty());
+}
+
+TEST(UpgradeProcedure, EmptyOrMissingImageFailsBeforeTheBoardIsAsked) {
+    testing::FakeBoard board;
+    board.on("system_boot_end", [](Handler& h, const std::string&) {
+        qor::protobuf::system_boot_end::Answer a;
+        a.set_boot_done(true);
+        h.answer(a);
+    });
+    board.on("sysupgrade", [](Handler& h, const std::string&) { h.set_done(); });
+    Session s(board.port());
+    RecordingHandler handler;
+    const std::string empty = ::testing::TempDir() + "/empty.zpk";
+    { std::ofstream(empty, std::ios::trunc); }
+    for (const std::string& path : {empty, std::string("/nonexistent/fw.zpk")}) {
+        EXPECT_THROW(sysupgrade(s.protocol, path, false, false, 10, "tcp://127.0.0.1:1", handler),
+                     orvi::ProxyCommandException);
+    }
+    EXPECT_EQ(board.calls("sysupgrade"), 0);
+    EXPECT_EQ(handler.statuses,
+              (std::vector<SysupgradeHandler::Status>{
+                  SysupgradeHandler::UPGRADING, SysupgradeHandler::UPGRADE_FAILED,
+                  SysupgradeHandler::UPGRADING, SysupgradeHandler::UPGRADE_FAILED}));
+}
+
+TEST(UpgradeProcedure, ReconnectPauseNeverExceedsOneSecond) {
+    EXPECT_EQ(reconnect_pause(0), 1u);   // a quick failure
+    EXPECT_EQ(reconnect_pause(1), 0u);   // a one-second attempt
+    EXPECT_EQ(reconnect_pause(2), 0u);   // two second boundaries passed
+    EXPECT_EQ(reconnect_pause(90), 0u);
+    EXPECT_EQ(reconnect_pause(-3), 1u);  // the clock stepped back
+}
+
+}  // namespace
+}  // namespace client
+}  // namespace qor

@@ -1,1 +1,104 @@
+// Device lookup, caching and loss, against a scripted board.
+#include "qor/device/device.h"
+
 #include <gtest/gtest.h>
+
+#include "qor/client.h"
+#include "qor/protobuf/device/get.pb.h"
+#include "qor/protobuf/device/psi_get.pb.h"
+#include "qor/testing/fake_board.h"
+
+namespace qor {
+namespace client {
+namespace {
+
+using qord_sim::Handler;
+namespace pb = qor::protobuf::device;
+
+// Knows device 0 only.
+void serve_devices(testing::FakeBoard& board) {
+    board.on("device.get", [](Handler& h, const std::string& body) {
+        pb::get::Request r;
+        r.ParseFromString(body);
+        pb::get::Answer a;
+        a.set_status(r.device_id() == 0 ? pb::status::DEVICE_OK : pb::status::DEVICE_NOT_FOUND);
+        h.answer(a);
+    });
+    board.on("device.psi.get", [](Handler& h, const std::string&) {
+        pb::psi_get::Answer a;
+        a.set_json("{}");
+        h.answer(a);
+    });
+}
+
+TEST(DeviceHandles, HandlesAreCachedPerEngineButNotFoundIsNot) {
+    testing::FakeBoard board;
+    serve_devices(board);
+    Client client;
+    client.connect("127.0.0.1", board.port(), "", 0);
+
+    Device a = client.get_device(0);
+    Device b = client.get_device(0);
+    EXPECT_EQ(board.calls("device.get"), 1);
+    EXPECT_EQ(a.info(), b.info());
+    EXPECT_TRUE(a.valid());
+
+    EXPECT_FALSE(client.get_device(7).valid());
+    EXPECT_FALSE(client.get_device(7).valid());
+    EXPECT_EQ(board.calls("device.get"), 3);
+
+    std::string json;
+    a.psi_get("/boot/psi", json);
+    EXPECT_EQ(json, "{}");
+}
+
+TEST(DeviceHandles, HandlesOutlivingTheirEngineAreLost) {
+    testing::FakeBoard board;
+    serve_devices(board);
+    Device kept;
+    {
+        Client client;
+        client.connect("127.0.0.1", board.port(), "", 0);
+        kept = client.get_device(0);
+    }
+    EXPECT_EQ(DeviceManager::s_deviceManagerMap.size(), 0u);
+    std::string json;
+    try {
+        kept.psi_get("/boot/psi", json);
+        FAIL() << "no exception";
+    } catch (const DeviceException& e) {
+        EXPECT_STREQ(e.what(), "device lost");
+    }
+    EXPECT_EQ(board.calls("device.psi.get"), 0);
+    EXPECT_EQ(kept.info()->id, kUnknownDeviceId);
+}
+
+TEST(DeviceHandles, UnreadableAnswerCountsAsFound) {
+    testing::FakeBoard board;
+    board.on("device.get", [](Handler& h, const std::string&) {
+        h.send_message("\xff", 1);
+        h.set_done();
+    });
+    Client client;
+    client.connect("127.0.0.1", board.port(), "", 0);
+    EXPECT_TRUE(client.get_device(3).valid());
+}
+
+TEST(DeviceHandles, StatusTexts) {
+    EXPECT_STREQ(get_device_status_str(pb::status::DEVICE_OK), "device OK");
+    EXPECT_STREQ(get_device_status_str(pb::status::DEVICE_NOT_FOUND), "device not found");
+    EXPECT_STREQ(DeviceException(pb::status::DEVICE_LOST).what(), "device lost");
+    EXPECT_STREQ(get_device_status_str(static_cast<DeviceStatus>(3)), "unknown device status");
+    EXPECT_EQ(DeviceInfo(kUnknownDeviceId).status, pb::status::DEVICE_NOT_FOUND);
+    EXPECT_EQ(DeviceInfo(4).status, pb::status::DEVICE_OK);
+}
+
+TEST(DeviceHandlesDeathTest, EmptyHandleAbortsBeforeAnyStatusCheck) {
+    Device empty;
+    std::string json;
+    EXPECT_DEATH(empty.psi_get("/boot/psi", json), "Assertion `m_protocol' failed");
+}
+
+}  // namespace
+}  // namespace client
+}  // namespace qor

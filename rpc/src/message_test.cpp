@@ -1,0 +1,68 @@
+// Buffer lists and the envelope headers, on bytes.
+#include "orvi/message.h"
+
+#include <gtest/gtest.h>
+
+#include "header.pb.h"
+#include "proxy/command_header.pb.h"
+
+namespace orvi {
+namespace {
+
+TEST(MessageList, HoldsAtMost255Buffers) {
+    MessageConst m;
+    for (int i = 0; i < 255; ++i) m.push_back(BufferConst("x", 1));
+    EXPECT_EQ(m.size(), 255u);
+    EXPECT_DEATH(m.push_back(BufferConst("x", 1)),
+                 "m_buffers.size\\(\\) != std::numeric_limits<size_type>::max\\(\\)");
+}
+
+TEST(MessageList, ReceivedBuffersShareTheirStorage) {
+    std::shared_ptr<char[]> storage(new char[3]{'a', 'b', 'c'});
+    Message<BufferMutable> m;
+    m.push_back(BufferMutable(storage, 3));
+    Message<BufferMutable> copy = m;
+    storage.reset();
+    m = Message<BufferMutable>();
+    EXPECT_EQ(std::string(copy[0].data, copy[0].size), "abc");
+}
+
+TEST(Envelope, HeadersOnTheWire) {
+    Header h;
+    h.set_message_type(Header::COMMAND);
+    h.set_proxy_source(1);
+    h.set_name("x");
+    std::string out;
+    ASSERT_TRUE(h.SerializeToString(&out));
+    EXPECT_EQ(out, std::string("\x08\x00\x10\x01\x1a\x01x", 7));
+
+    Header reply;
+    reply.set_message_type(Header::NO_HANDLER);
+    reply.set_proxy_dest(300);  // varint 0xac 0x02
+    ASSERT_TRUE(reply.SerializeToString(&out));
+    EXPECT_EQ(out, std::string("\x08\x01\x20\xac\x02", 5));
+
+    CommandHeader c;
+    c.set_status(CommandHeader::EXCEPTION);
+    c.set_message("boom");
+    ASSERT_TRUE(c.SerializeToString(&out));
+    EXPECT_EQ(out, std::string("\x08\x02\x12\x04" "boom", 8));
+
+    // Presence, not value, steers routing.
+    Header parsed;
+    ASSERT_TRUE(parsed.ParseFromString(std::string("\x08\x00\x20\x00", 4)));
+    EXPECT_TRUE(parsed.has_proxy_dest());
+    EXPECT_FALSE(parsed.has_name());
+
+    // A status out of range leaves the field absent: the header is invalid.
+    CommandHeader bad;
+    EXPECT_FALSE(bad.ParseFromString(std::string("\x08\x03", 2)));
+    EXPECT_FALSE(bad.has_status());
+    // An empty header reads as COMMAND without any field.
+    Header empty;
+    EXPECT_FALSE(empty.ParseFromString(""));
+    EXPECT_EQ(empty.message_type(), Header::COMMAND);
+}
+
+}  // namespace
+}  // namespace orvi
