@@ -11,7 +11,8 @@ Board::Board(const Options& options, BoardState& state)
       m_state(state),
       m_protocol(new orvi::Protocol(static_cast<size_t>(options.workers))) {
     m_bootDoneAt = std::chrono::steady_clock::now();
-    if (!m_state.boot_done_at_start()) m_bootDoneAt += std::chrono::milliseconds(options.bootTimeMs);
+    if (!m_state.boot_done_at_start())
+        m_bootDoneAt += std::chrono::milliseconds(options.bootTimeMs);
     register_commands();
 }
 
@@ -125,7 +126,8 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
         m_cond.wait(lock, [&] { return m_stopping; });
         return;
     }
-    const std::string host = m_options.rebootHost.empty() ? m_options.listenHost : m_options.rebootHost;
+    const std::string host =
+        m_options.rebootHost.empty() ? m_options.listenHost : m_options.rebootHost;
     // Same port as before unless another one is named (a chosen free port included).
     const std::string port =
         m_options.rebootPort.empty() ? std::to_string(m_port) : m_options.rebootPort;

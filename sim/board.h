@@ -20,7 +20,7 @@
 namespace qord_sim {
 
 class Board {
-public:
+  public:
     Board(const Options& options, BoardState& state);
     ~Board();
 
@@ -41,7 +41,7 @@ public:
     bool wait_boot_done();
     void drop_client(unsigned int client_id);
 
-private:
+  private:
     void register_commands();
     void reboot(std::unique_lock<std::mutex>& lock);
     std::shared_ptr<orvi::TransportSimpleSocketServer> listen_on(const std::string& host,

@@ -47,7 +47,8 @@ BoardState::BoardState(const std::string& path) : m_doc(defaults()), m_path(path
     }
     for (const json& d : m_doc["devices"]) {
         if (!d.is_object() || !d.contains("id") || !d["id"].is_number_integer()) {
-            throw std::runtime_error("state file " + path + ": every device needs an integer \"id\"");
+            throw std::runtime_error("state file " + path +
+                                     ": every device needs an integer \"id\"");
         }
     }
 }
@@ -71,7 +72,9 @@ json& device_or_throw(json& doc, long id) {
 }
 }  // namespace
 
-json* BoardState::device(long id) { return find_device(m_doc, id); }
+json* BoardState::device(long id) {
+    return find_device(m_doc, id);
+}
 
 template <class F>
 void BoardState::change(F&& mutate) {

@@ -17,7 +17,7 @@ struct Identities {
 };
 
 class BoardState {
-public:
+  public:
     // Defaults for everything; the file (optional) overrides what it names.
     // Throws std::runtime_error with a readable message for a bad file.
     explicit BoardState(const std::string& path);
@@ -43,7 +43,7 @@ public:
 
     nlohmann::json snapshot();
 
-private:
+  private:
     nlohmann::json* device(long id);  // m_mutex held
     // Applies a change to a copy, writes the copy, then adopts it: a change
     // that cannot be saved is not made. m_mutex held.

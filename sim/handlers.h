@@ -21,27 +21,27 @@ class Board;
 // A handler whose work is one function of the request body. Answers go out
 // as DATA, then DONE with no body.
 class Handler : public orvi::ProxyCommandHandler {
-public:
+  public:
     using Body = std::function<void(Handler&, const std::string& request)>;
     Handler(orvi::Protocol& protocol, Body body)
         : ProxyCommandHandler(protocol), m_body(std::move(body)) {}
 
     void answer(const google::protobuf::MessageLite& message);
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 
-private:
+  private:
     Body m_body;
 };
 
 class FunctionFactory : public orvi::ProxyFactory {
-public:
+  public:
     using Make = std::function<std::shared_ptr<orvi::Proxy>(orvi::Protocol&)>;
     explicit FunctionFactory(Make make) : m_make(std::move(make)) {}
     std::shared_ptr<orvi::Proxy> operator()(orvi::Protocol& p) override { return m_make(p); }
 
-private:
+  private:
     Make m_make;
 };
 

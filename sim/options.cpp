@@ -46,10 +46,20 @@ Misbehaviour, for tests (may be repeated; NAME is a command name such as
   --only-wait-boot-end      Offer only the blocking boot-end command.
 )";
 
-const std::set<std::string> kValueOptions = {
-    "--listen", "--reboot-listen", "--state", "--image-out", "--refuse", "--drop", "--stall", "--fail",
-    "--reboot-delay-ms", "--reboot-grace-ms", "--boot-time-ms", "--workers",
-    "--handshake-version", "--refuse-chunk"};
+const std::set<std::string> kValueOptions = {"--listen",
+                                             "--reboot-listen",
+                                             "--state",
+                                             "--image-out",
+                                             "--refuse",
+                                             "--drop",
+                                             "--stall",
+                                             "--fail",
+                                             "--reboot-delay-ms",
+                                             "--reboot-grace-ms",
+                                             "--boot-time-ms",
+                                             "--workers",
+                                             "--handshake-version",
+                                             "--refuse-chunk"};
 
 bool split_address(const std::string& text, std::string& host, std::string& port) {
     const size_t colon = text.rfind(':');

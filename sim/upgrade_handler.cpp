@@ -18,7 +18,7 @@ constexpr uint32_t kChunkSize = 4096;
 
 // 64-bit FNV-1a, fed chunk by chunk.
 class Digest {
-public:
+  public:
     void add(const char* data, size_t size) {
         for (size_t i = 0; i < size; ++i) {
             m_hash ^= static_cast<unsigned char>(data[i]);
@@ -32,16 +32,16 @@ public:
         return out;
     }
 
-private:
+  private:
     uint64_t m_hash = 0xcbf29ce484222325ULL;
 };
 
 class UpgradeHandler : public orvi::ProxyCommandHandler {
-public:
+  public:
     UpgradeHandler(orvi::Protocol& protocol, Board& board)
         : ProxyCommandHandler(protocol), m_board(board) {}
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override {
         if (!m_started) {
             start(data, size);
@@ -50,7 +50,7 @@ protected:
         }
     }
 
-private:
+  private:
     void send_answer(pb::Answer::Type type, const std::string& log = std::string()) {
         pb::Answer answer;
         answer.set_type(type);
@@ -68,9 +68,9 @@ private:
         m_started = true;
         m_size = request.fw_size();
         if (m_size == 0) throw std::runtime_error("empty image refused");
-        std::cout << "qord-sim upgrade: " << m_size << " bytes, keep_config="
-                  << request.keep_config() << ", not_save_config=" << request.not_save_config()
-                  << std::endl;
+        std::cout << "qord-sim upgrade: " << m_size
+                  << " bytes, keep_config=" << request.keep_config()
+                  << ", not_save_config=" << request.not_save_config() << std::endl;
         if (!m_board.options().imageOut.empty()) {
             m_out.open(m_board.options().imageOut, std::ios::binary | std::ios::trunc);
         }

@@ -57,7 +57,9 @@ const std::string kHelp =
     "\t\t\tfile.\n"
     "\n";
 
-std::string usage() { return "Usage:\n" + std::string(qorc_binary()) + kHelp; }
+std::string usage() {
+    return "Usage:\n" + std::string(qorc_binary()) + kHelp;
+}
 
 void expect(const Result& r, int status, const std::string& out, const std::string& err) {
     EXPECT_EQ(r.status, status);

@@ -59,8 +59,8 @@ TEST(Devices, PsiReadAndAmend) {
            b.hello() + "json: " + patch + "\n", "");
     expect(b.run({"psi_get"}), 0, b.hello() + R"({"apn":"internet","roaming":true})" + "\n", "");
 
-    expect(b.run({"psi_set", b.dir.write("bad.json", "{nope")}), 1,
-           b.hello() + "json: {nope\n", "Error: PSI amend refused: the text is not valid JSON\n");
+    expect(b.run({"psi_set", b.dir.write("bad.json", "{nope")}), 1, b.hello() + "json: {nope\n",
+           "Error: PSI amend refused: the text is not valid JSON\n");
     expect(b.run({"psi_set", b.dir.write("empty.json", "")}), 1, b.hello() + "json: \n",
            "Error: PSI amend refused: the text is not valid JSON\n");
     expect(b.run({"psi_get"}), 0, b.hello() + R"({"apn":"internet","roaming":true})" + "\n", "");
@@ -114,8 +114,8 @@ TEST(Devices, ResetImeiEdgeRecords) {
     // reuses the last record's passcode: here a wrong one.
     expect(b.run({"reset_imei", b.dir.write("a.txt", "aa-bb-cc-dd-ee-ff left-over\n")}), 1,
            b.hello() + ids, "Error: IMEI reset refused: wrong passcode\n");
-    expect(b.run({"reset_imei", b.dir.write("b.txt", "aa-bb-cc-dd-ee-ff\n")}), 0,
-           b.hello() + ids, "");
+    expect(b.run({"reset_imei", b.dir.write("b.txt", "aa-bb-cc-dd-ee-ff\n")}), 0, b.hello() + ids,
+           "");
 }
 
 TEST(Devices, Activate) {
@@ -151,7 +151,8 @@ TEST(Devices, UnknownDeviceStopsAtTheAssertion) {
 
 TEST(Devices, HandshakeMismatch) {
     Board b({"--handshake-version", "2"});
-    expect(b.run({"discover"}), 1, b.hello(), "Error: Failed to connect, socket protocol mismatch\n");
+    expect(b.run({"discover"}), 1, b.hello(),
+           "Error: Failed to connect, socket protocol mismatch\n");
 }
 
 }  // namespace

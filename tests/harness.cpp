@@ -22,8 +22,12 @@ extern char** environ;
 
 namespace e2e {
 
-const char* qorc_binary() { return QORC_BIN; }
-const char* qord_sim_binary() { return QORD_SIM_BIN; }
+const char* qorc_binary() {
+    return QORC_BIN;
+}
+const char* qord_sim_binary() {
+    return QORD_SIM_BIN;
+}
 
 TempDir::TempDir() {
     char tmpl[] = "/tmp/qorc-e2e-XXXXXX";
@@ -84,7 +88,9 @@ Process::~Process() {
     }
 }
 
-void Process::signal(int sig) { kill(m_pid, sig); }
+void Process::signal(int sig) {
+    kill(m_pid, sig);
+}
 
 bool Process::running() {
     if (m_status >= 0) return false;
@@ -139,11 +145,17 @@ Sim::~Sim() {
     delete m_process;
 }
 
-std::string Sim::address() const { return m_host + ":" + std::to_string(m_port); }
+std::string Sim::address() const {
+    return m_host + ":" + std::to_string(m_port);
+}
 
-std::string Sim::out() const { return read_file(m_dir.file("out")); }
+std::string Sim::out() const {
+    return read_file(m_dir.file("out"));
+}
 
-std::string Sim::err() const { return read_file(m_dir.file("err")); }
+std::string Sim::err() const {
+    return read_file(m_dir.file("err"));
+}
 
 bool Sim::wait_output(const std::string& text, int timeoutMs) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

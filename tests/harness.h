@@ -17,14 +17,14 @@ struct Result {
 
 // A scratch directory removed with everything in it when the object goes.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
     std::string write(const std::string& name, const std::string& content) const;
 
-private:
+  private:
     std::string m_path;
 };
 
@@ -33,7 +33,7 @@ bool file_exists(const std::string& path);
 
 // A child process with standard output and error going to files.
 class Process {
-public:
+  public:
     Process(const std::string& binary, const std::vector<std::string>& args,
             const std::string& outPath, const std::string& errPath);
     ~Process();  // kills the child if it is still running
@@ -44,7 +44,7 @@ public:
     int wait(int timeoutMs = 60000);
     bool running();
 
-private:
+  private:
     pid_t m_pid = -1;
     int m_status = -1;
 };
@@ -57,7 +57,7 @@ Result run_qorc(const std::vector<std::string>& args, int timeoutMs = 60000);
 
 // qord-sim on 127.0.0.1 with a free port, started and ready to serve.
 class Sim {
-public:
+  public:
     explicit Sim(std::vector<std::string> args = {}, const std::string& listenHost = "127.0.0.1");
     ~Sim();
     unsigned short port() const { return m_port; }
@@ -72,7 +72,7 @@ public:
     // SIGTERM and wait; returns the exit status.
     int stop();
 
-private:
+  private:
     TempDir m_dir;
     std::string m_host;
     unsigned short m_port = 0;

@@ -39,12 +39,14 @@ TEST(Simulator, UsageAndBadInput) {
     EXPECT_EQ(run_sim({"--listen", "127.0.0.1"}).status, 2);
 
     TempDir dir;
-    const Result bad = run_sim({"--state", dir.write("s.json", "{not json"), "--listen", "127.0.0.1:0"});
+    const Result bad =
+        run_sim({"--state", dir.write("s.json", "{not json"), "--listen", "127.0.0.1:0"});
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.err.find("is not JSON"), std::string::npos) << bad.err;
-    EXPECT_EQ(run_sim({"--state", dir.write("t.json", "{\"devices\": 3}"), "--listen",
-                       "127.0.0.1:0"}).status,
-              2);
+    EXPECT_EQ(
+        run_sim({"--state", dir.write("t.json", "{\"devices\": 3}"), "--listen", "127.0.0.1:0"})
+            .status,
+        2);
 }
 
 TEST(Simulator, StopsCleanlyOnSignals) {

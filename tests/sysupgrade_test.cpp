@@ -2,9 +2,9 @@
 // /tmp/qor_sysupgrade and never run in parallel with each other.
 #include <unistd.h>
 
+#include <gtest/gtest.h>
 #include <cmath>
 #include <future>
-#include <gtest/gtest.h>
 #include <regex>
 
 #include "harness.h"
@@ -32,7 +32,8 @@ std::string progress(size_t size) {
     int last = -1;
     for (size_t done = 0; done < size;) {
         done += std::min<size_t>(4096, size - done);
-        const int n = static_cast<int>(static_cast<float>(done) / static_cast<float>(size) * 100.0f);
+        const int n =
+            static_cast<int>(static_cast<float>(done) / static_cast<float>(size) * 100.0f);
         if (n != last) out += "\r" + std::to_string(n) + " % ";
         last = n;
     }
@@ -103,7 +104,8 @@ TEST(Sysupgrade, RebootToAnotherAddressWithDotsWhileBooting) {
     const Result r = u.run(path, {"--reboot-url", "127.0.0.2:" + port});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "");
-    const std::string head = u.hello() + u.receiving(4096) + "\r100 % " + kFlashing + "Rebooting...";
+    const std::string head =
+        u.hello() + u.receiving(4096) + "\r100 % " + kFlashing + "Rebooting...";
     ASSERT_EQ(r.out.substr(0, head.size()), head);
     EXPECT_TRUE(std::regex_match(r.out.substr(head.size()),
                                  std::regex("\\.{1,5}\nReboot done\nUpgraded to image-[0-9a-f]{8}\n"

@@ -35,7 +35,7 @@ struct BufferMutable {
 // one byte, so a 256th buffer is a programming error, not a runtime one.
 template <class Buffer>
 class Message {
-public:
+  public:
     using size_type = uint8_t;
     using container = std::vector<Buffer>;
     using iterator = typename container::iterator;
@@ -59,7 +59,7 @@ public:
     Buffer& operator[](size_t i) { return m_buffers[i]; }
     const Buffer& operator[](size_t i) const { return m_buffers[i]; }
 
-private:
+  private:
     container m_buffers;
 };
 

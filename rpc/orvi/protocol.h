@@ -35,7 +35,7 @@ class Protocol;
 // Told when an engine goes away. The engine clears m_protocol before it calls
 // on_protocol_destroyed; a handler destroyed first unregisters itself.
 class ProtocolLifeHandler {
-public:
+  public:
     virtual ~ProtocolLifeHandler();
     virtual void on_protocol_destroyed(Protocol* protocol) = 0;
 
@@ -45,20 +45,20 @@ public:
 // What a transport calls. Holds a raw back pointer to the engine that the
 // engine clears, under m_mutex, before it goes.
 class ProtocolTransportHandler : public TransportHandler {
-public:
+  public:
     explicit ProtocolTransportHandler(Protocol* p) : m_protocol(p) {}
     unsigned int new_client(Transport& transport) override;
     void delete_client(unsigned int client_id) override;
     void new_message(unsigned int client_id, Message<BufferMutable>& message) override;
     void clear();
 
-private:
+  private:
     std::mutex m_mutex;
     Protocol* m_protocol;  // guarded by m_mutex
 };
 
 class Protocol {
-public:
+  public:
     struct ClientInfo {
         unsigned int id = 0;
         std::weak_ptr<Transport> transport;
@@ -118,7 +118,7 @@ public:
     };
     const Stats& stats() const { return m_stats; }
 
-private:
+  private:
     struct TransportInfo {
         std::shared_ptr<ProtocolTransportHandler> handler;
     };
@@ -155,8 +155,8 @@ private:
 
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
-    std::list<ClientMessage> m_queue;  // m_queueMutex
-    bool m_running = true;             // m_queueMutex
+    std::list<ClientMessage> m_queue;   // m_queueMutex
+    bool m_running = true;              // m_queueMutex
     std::vector<WorkerInfo> m_workers;  // busy/client: m_queueMutex
 
     std::mutex m_proxyIdMutex;

@@ -21,7 +21,7 @@ class Transport;
 class CommandHeader;
 
 class Proxy {
-public:
+  public:
     using const_iterator = Message<BufferMutable>::const_iterator;
 
     explicit Proxy(Protocol& protocol) : m_protocol(&protocol) {}
@@ -46,14 +46,14 @@ public:
     const std::shared_ptr<ProxyInfo>& info() const { return m_info; }
     Protocol& protocol() const { return *m_protocol; }
 
-private:
+  private:
     Protocol* m_protocol;
     std::shared_ptr<ProxyInfo> m_info;
 };
 
 // Adds the command header to everything a proxy sends.
 class ProxyCommand : public Proxy {
-public:
+  public:
     using Proxy::Proxy;
     using Proxy::send_message;
 
@@ -67,7 +67,7 @@ public:
 // The calling side. The application thread sends and then blocks in wait();
 // answers reach process_message on a worker thread.
 class ProxyCommandClient : public ProxyCommand {
-public:
+  public:
     using ProxyCommand::ProxyCommand;
     ~ProxyCommandClient() override;
 
@@ -81,11 +81,11 @@ public:
     // ProxyCommandException for a non-empty remote failure text.
     void wait();
 
-protected:
+  protected:
     // One data buffer of an answer.
     virtual void process_message(const char* data, unsigned int size) = 0;
 
-private:
+  private:
     std::mutex m_mutex;  // guards m_exception, m_noHandler; pairs with m_cond
     std::condition_variable m_cond;
     std::string m_exception;
@@ -94,7 +94,7 @@ private:
 
 // The serving side: made by a ProxyFactory for each incoming command.
 class ProxyCommandHandler : public ProxyCommand {
-public:
+  public:
     using ProxyCommand::ProxyCommand;
 
     void new_message(const_iterator first, const_iterator last) override;
@@ -103,14 +103,14 @@ public:
     void send_command_done();
     void send_command_exception(const std::string& text);
 
-protected:
+  protected:
     // One data buffer of a request. A std::exception thrown here is sent to
     // the caller as the command's failure.
     virtual void process_message(const char* data, unsigned int size) = 0;
 };
 
 class ProxyFactory {
-public:
+  public:
     virtual ~ProxyFactory() = default;
     virtual std::shared_ptr<Proxy> operator()(Protocol& protocol) = 0;
 };
@@ -118,7 +118,7 @@ public:
 // A factory that constructs T(protocol).
 template <class T>
 class ProxyFactoryTpl : public ProxyFactory {
-public:
+  public:
     std::shared_ptr<Proxy> operator()(Protocol& protocol) override {
         return std::make_shared<T>(protocol);
     }

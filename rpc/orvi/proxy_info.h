@@ -23,9 +23,9 @@ struct ProxyInfo {
     // A leaf lock: nothing else is ever taken while it is held, so routing
     // may read the peer under a client's mutex while a send is in progress.
     std::mutex state_mutex;
-    bool done = false;          // state_mutex
-    bool remote_known = false;  // state_mutex
-    unsigned int remote_id = 0; // state_mutex
+    bool done = false;           // state_mutex
+    bool remote_known = false;   // state_mutex
+    unsigned int remote_id = 0;  // state_mutex
 };
 
 }  // namespace orvi

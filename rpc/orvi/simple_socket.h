@@ -26,7 +26,7 @@ void read(int fd, char* data, int size);
 void client_handshake(int fd);
 
 class ProtocolBase {
-public:
+  public:
     virtual ~ProtocolBase() = default;
     // Writes one whole frame.
     virtual void send_message(const Message<BufferConst>& message) = 0;
@@ -42,7 +42,7 @@ public:
 
 // Framing of protocol version 1. Does not own the descriptor.
 class ProtocolV1 : public ProtocolBase {
-public:
+  public:
     explicit ProtocolV1(int fd);
     ~ProtocolV1() override;
 
@@ -56,7 +56,7 @@ public:
     // Raw bytes through the same buffer, for the server's handshake.
     void read_exact(char* dst, size_t n);
 
-private:
+  private:
     int m_fd;
     std::unique_ptr<SocketReader> m_reader;  // used by the reader thread only
 };
@@ -64,7 +64,7 @@ private:
 // State of one connected socket. Always held by shared_ptr; dropping the last
 // reference tells the handler that the client is gone and closes the socket.
 class InfoClient {
-public:
+  public:
     InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler);
     ~InfoClient();
     InfoClient(const InfoClient&) = delete;

@@ -18,7 +18,7 @@ enum class Fork { PREPARE, PARENT, CHILD };
 // whichever thread drops the last reference to a connection record.
 // delete_client may be told twice for one id and must tolerate it.
 class TransportHandler {
-public:
+  public:
     virtual ~TransportHandler() = default;
     virtual unsigned int new_client(Transport& transport) = 0;
     virtual void delete_client(unsigned int client_id) = 0;
@@ -27,7 +27,7 @@ public:
 
 // Always held through std::shared_ptr.
 class Transport {
-public:
+  public:
     virtual ~Transport() = default;
     virtual void start_serve(const std::shared_ptr<TransportHandler>& handler) = 0;
     virtual void stop_serve() = 0;
@@ -39,7 +39,7 @@ public:
 
 // A transport with exactly one peer; the client id of a send is ignored.
 class TransportClient : public Transport {
-public:
+  public:
     bool is_client() const override { return true; }
     void send_message(unsigned int, const Message<BufferConst>& message) override {
         send_message(message);

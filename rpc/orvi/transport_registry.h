@@ -12,14 +12,14 @@ namespace orvi {
 namespace detail {
 
 class TransportFactory {
-public:
+  public:
     virtual ~TransportFactory() = default;
     virtual std::shared_ptr<Transport> operator()(const Url& url) const = 0;
 };
 
 template <class T>
 class TransportFactoryTpl : public TransportFactory {
-public:
+  public:
     std::shared_ptr<Transport> operator()(const Url& url) const override {
         return std::make_shared<T>(url);
     }

@@ -24,7 +24,7 @@ class WakeEvent;
 // States: idle (no socket) -> connected -> serving -> (stop_serve) connected,
 // or broken when the reader fails; disconnect() returns to idle.
 class TransportSimpleSocketClient : public TransportClient {
-public:
+  public:
     TransportSimpleSocketClient(const std::string& host, const std::string& port);
     // Host and port from the URL; local bind address from its "bind" parameter.
     explicit TransportSimpleSocketClient(const Url& url);
@@ -48,7 +48,7 @@ public:
     // may assign it between construction and connect.
     std::string m_bind;
 
-private:
+  private:
     void worker(std::shared_ptr<simple_socket::InfoClient> info);
 
     std::shared_ptr<simple_socket::InfoClient> m_socketPtr;

@@ -29,7 +29,7 @@ class WakeEvent;
 // vanishes mid-frame) drops that client with one line on standard error; the
 // others go on.
 class TransportSimpleSocketServer : public Transport {
-public:
+  public:
     TransportSimpleSocketServer(const std::string& host, const std::string& port);
     ~TransportSimpleSocketServer() override;
 
@@ -54,7 +54,7 @@ public:
     // Breaks one client's connection; its reader then reports it gone.
     void disconnect_client(unsigned int client_id);
 
-private:
+  private:
     struct Reader {
         std::thread thread;
         std::atomic<bool> finished{false};

@@ -4,6 +4,8 @@
 
 namespace orvi {
 
-ProtoBufCleanup::~ProtoBufCleanup() { google::protobuf::ShutdownProtobufLibrary(); }
+ProtoBufCleanup::~ProtoBufCleanup() {
+    google::protobuf::ShutdownProtobufLibrary();
+}
 
 }  // namespace orvi

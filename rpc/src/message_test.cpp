@@ -46,7 +46,9 @@ TEST(Envelope, HeadersOnTheWire) {
     c.set_status(CommandHeader::EXCEPTION);
     c.set_message("boom");
     ASSERT_TRUE(c.SerializeToString(&out));
-    EXPECT_EQ(out, std::string("\x08\x02\x12\x04" "boom", 8));
+    EXPECT_EQ(out, std::string("\x08\x02\x12\x04"
+                               "boom",
+                               8));
 
     // Presence, not value, steers routing.
     Header parsed;

@@ -390,7 +390,8 @@ void Protocol::reply_no_handler(ClientInfo& client, const Header& incoming) {
     reply.set_message_type(Header::NO_HANDLER);
     reply.set_proxy_dest(incoming.proxy_source());
     std::string bytes;
-    if (!reply.SerializeToString(&bytes)) throw ProtocolException("failed to serialize error header");
+    if (!reply.SerializeToString(&bytes))
+        throw ProtocolException("failed to serialize error header");
     MessageConst message;
     message.push_back(BufferConst(bytes.data(), bytes.size()));
     if (auto transport = client.transport.lock()) {

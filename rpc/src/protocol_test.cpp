@@ -3,9 +3,9 @@
 
 #include <unistd.h>
 
+#include <gtest/gtest.h>
 #include <atomic>
 #include <chrono>
-#include <gtest/gtest.h>
 
 #include "header.pb.h"
 #include "orvi/transport_simple_socket_client.h"
@@ -66,7 +66,10 @@ std::vector<Span> g_spans;
 struct Slow : ProxyCommandHandler {
     using ProxyCommandHandler::ProxyCommandHandler;
     void process_message(const char* data, unsigned int size) override {
-        Span s{get_transport_client_id(), std::string(data, size), std::chrono::steady_clock::now(), {}};
+        Span s{get_transport_client_id(),
+               std::string(data, size),
+               std::chrono::steady_clock::now(),
+               {}};
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         s.end = std::chrono::steady_clock::now();
         std::lock_guard<std::mutex> lock(g_spansMutex);
@@ -191,9 +194,9 @@ TEST(Engines, DroppedConnectionLosesTheCommand) {
 TEST(Engines, NoPeerAndTwoPeers) {
     ClientEngine client;
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(failure<ProtocolException>(
-                  [&] { client.protocol.create_command_proxy<Call>("echo"); }),
-              "clientMap.size() == 0");
+    EXPECT_EQ(
+        failure<ProtocolException>([&] { client.protocol.create_command_proxy<Call>("echo"); }),
+        "clientMap.size() == 0");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Error: clientMap.size() == 0\n");
 
     ServerEngine first, second;
@@ -232,7 +235,8 @@ std::string raw_opening(const std::string& name, char source, const std::string&
 }
 
 std::unique_ptr<RawConnection> raw_client(ServerEngine& server) {
-    auto c = std::make_unique<RawConnection>(RawConnection::connect_to(server.transport->local_port()));
+    auto c =
+        std::make_unique<RawConnection>(RawConnection::connect_to(server.transport->local_port()));
     c->write(hex("01 01"));
     c->read(1);
     return c;
@@ -253,8 +257,8 @@ TEST(EngineBytes, ClientCommandFrameIsExact) {
     std::string reply;
     std::thread call([&] { reply = client.call("com.korvane.command.echo", "coucou"); });
     const std::string name = "com.korvane.command.echo";  // 24 bytes
-    const std::string expected = hex("03  0000001e 0800 1001 1a18") + name +
-                                 hex("00000002 0800  00000006") + "coucou";
+    const std::string expected =
+        hex("03  0000001e 0800 1001 1a18") + name + hex("00000002 0800  00000006") + "coucou";
     EXPECT_EQ(to_hex(peer->read(expected.size())), to_hex(expected));
 
     // Answer as a board does: DATA with the body, then DONE, both addressed
@@ -281,7 +285,8 @@ TEST(EngineBytes, UnknownProxyDestAndReservedTypeGetNoHandler) {
     ::testing::internal::CaptureStderr();
     c->write(hex("01 00000003 ffffff"));
     EXPECT_EQ(read_raw_frame(*c), std::vector<std::string>{hex("0801 2000")});
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "1: there is no command handler for \"\"\n");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "1: there is no command handler for \"\"\n");
 }
 
 TEST(EngineBytes, RepeatedOpeningReachesTheSameHandler) {

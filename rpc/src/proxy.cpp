@@ -9,7 +9,8 @@ namespace orvi {
 namespace {
 
 bool parse_command_header(CommandHeader& header, const BufferMutable& buffer) {
-    return buffer.size <= INT_MAX && header.ParseFromArray(buffer.data, static_cast<int>(buffer.size));
+    return buffer.size <= INT_MAX &&
+           header.ParseFromArray(buffer.data, static_cast<int>(buffer.size));
 }
 
 }  // namespace
@@ -38,7 +39,9 @@ std::shared_ptr<Transport> Proxy::get_transport() {
     return m_info ? m_protocol->get_proxy_transport(*m_info) : nullptr;
 }
 
-unsigned int Proxy::get_transport_client_id() const { return m_info ? m_info->client_id : 0; }
+unsigned int Proxy::get_transport_client_id() const {
+    return m_info ? m_info->client_id : 0;
+}
 
 void ProxyCommand::send_message(const CommandHeader& header, MessageConst& message) {
     std::string bytes;

@@ -33,14 +33,21 @@ TEST_P(ParseUrl, SplitsAsTheSearchDictates) {
 INSTANTIATE_TEST_SUITE_P(
     Quirks, ParseUrl,
     ::testing::Values(
-        ParseCase{"tcp://192.168.15.1:7000?bind=192.168.15.2", "tcp", "192.168.15.1", "7000", "",
+        ParseCase{"tcp://192.168.15.1:7000?bind=192.168.15.2",
+                  "tcp",
+                  "192.168.15.1",
+                  "7000",
+                  "",
                   {{"bind", "192.168.15.2"}}},
         // Without "?" the whole text is read as one parameter.
-        ParseCase{"192.168.15.1:7000", "", "192.168.15.1", "7000", "",
-                  {{"192.168.15.1:7000", ""}}},
+        ParseCase{"192.168.15.1:7000", "", "192.168.15.1", "7000", "", {{"192.168.15.1:7000", ""}}},
         ParseCase{"tcp://host", "tcp", "host", "", "", {{"tcp://host", ""}}},
         ParseCase{"tcp://h:7000?a=1&b=2&a=3", "tcp", "h", "7000", "", {{"a", "3"}, {"b", "2"}}},
-        ParseCase{"tcp://h:7000?flag&bind=x", "tcp", "h", "7000", "",
+        ParseCase{"tcp://h:7000?flag&bind=x",
+                  "tcp",
+                  "h",
+                  "7000",
+                  "",
                   {{"flag&bind=x", ""}, {"bind", "x"}}},
         ParseCase{"tcp://h:7000?bind=", "tcp", "h", "7000", "", {{"bind", ""}}},
         ParseCase{"tcp://h:7000?bind", "tcp", "h", "7000", "", {{"bind", ""}}},
@@ -55,8 +62,7 @@ INSTANTIATE_TEST_SUITE_P(
         ParseCase{"/p?bind=x", "", "", "", "/p", {{"bind", "x"}}},
         // A "/" after "?" still ends the authority.
         ParseCase{"tcp://h:1?x=/y", "tcp", "h", "1?x=", "/y", {{"x", "/y"}}},
-        ParseCase{"", "", "", "", "", {}},
-        ParseCase{":8000", "", "", "8000", "", {{":8000", ""}}},
+        ParseCase{"", "", "", "", "", {}}, ParseCase{":8000", "", "", "8000", "", {{":8000", ""}}},
         ParseCase{"tcp://:7000", "tcp", "", "7000", "", {{"tcp://:7000", ""}}},
         ParseCase{"a=b=c", "", "a=b=c", "", "", {{"a", "b=c"}}}));
 

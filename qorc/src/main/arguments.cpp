@@ -98,8 +98,8 @@ int scan(int argc, char** argv, Arguments& a) {
 }
 
 int check(int argc, char** argv, const Arguments& a) {
-    const bool any = a.fallback_ffh || a.fw_config_mode || a.sysupgrade || a.psi_get ||
-                     a.psi_set || a.discover;
+    const bool any =
+        a.fallback_ffh || a.fw_config_mode || a.sysupgrade || a.psi_get || a.psi_set || a.discover;
     if (argc < 2 || (!any && !a.activate && !a.reset_imei)) {
         return check_error("Error: expecting sub command", argv[0]);
     }

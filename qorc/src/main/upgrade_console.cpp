@@ -9,8 +9,9 @@
 namespace qorc {
 
 const char* sysupgrade_status_text(int status) {
-    static const char* const kTexts[] = {"Upgrading...",  "Upgrade failed", "Upgrade done with success",
-                                         "Rebooting...",  "Reboot failed",  "Reboot done"};
+    static const char* const kTexts[] = {
+        "Upgrading...", "Upgrade failed", "Upgrade done with success",
+        "Rebooting...", "Reboot failed",  "Reboot done"};
     const unsigned int index = static_cast<unsigned int>(status);
     return index < 6 ? kTexts[index] : "!!! UNKNOWN UPGRADE STATUS !!!";
 }
@@ -26,7 +27,9 @@ void SysupgradeLogHandler::on_status_update(Status status) const {
     std::cout << std::flush;
 }
 
-void SysupgradeLogHandler::log(const std::string& text) const { std::cout << text << std::flush; }
+void SysupgradeLogHandler::log(const std::string& text) const {
+    std::cout << text << std::flush;
+}
 
 void SysupgradeLogHandler::progression(float percent) const {
     const int n = static_cast<int>(percent);

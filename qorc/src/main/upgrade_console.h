@@ -10,14 +10,14 @@ namespace qorc {
 // No lock: every progression call is over before the first status after
 // UPGRADING (the transfer ends first).
 class SysupgradeLogHandler : public qor::client::SysupgradeHandler {
-public:
+  public:
     ~SysupgradeLogHandler() override = default;
     void on_status_update(Status status) const override;
     void log(const std::string& text) const override;
     void progression(float percent) const override;
     void on_connect_retry(unsigned int count) const override;
 
-private:
+  private:
     // -1 when no percentage or dots line is open, else the last figure shown.
     mutable int m_lastProgress = -1;
 };

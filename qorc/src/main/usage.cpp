@@ -74,6 +74,8 @@ void usage(const char* program) {
     std::cerr << kHelp << std::endl;
 }
 
-void print_version() { std::cout << "qorc 4.2.3-41112" << std::endl; }
+void print_version() {
+    std::cout << "qorc 4.2.3-41112" << std::endl;
+}
 
 }  // namespace qorc

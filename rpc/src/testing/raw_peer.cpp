@@ -27,7 +27,9 @@ RawListener::RawListener() {
     m_port = ntohs(addr.sin_port);
 }
 
-RawListener::~RawListener() { ::close(m_fd); }
+RawListener::~RawListener() {
+    ::close(m_fd);
+}
 
 int RawListener::accept_one(std::string* peerAddress) {
     pollfd pfd{m_fd, POLLIN, 0};
@@ -43,7 +45,9 @@ int RawListener::accept_one(std::string* peerAddress) {
     return fd;
 }
 
-RawConnection::~RawConnection() { close(); }
+RawConnection::~RawConnection() {
+    close();
+}
 
 int RawConnection::connect_to(unsigned short port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -100,8 +104,8 @@ std::string hex(const std::string& text) {
     int nibble = -1;
     for (char c : text) {
         if (std::isspace(static_cast<unsigned char>(c))) continue;
-        const int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
-                                                                  : std::tolower(c) - 'a' + 10;
+        const int v =
+            std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
         if (nibble < 0) {
             nibble = v;
         } else {

@@ -9,7 +9,7 @@ namespace testing {
 
 // A listening socket on 127.0.0.1 with a free port.
 class RawListener {
-public:
+  public:
     RawListener();
     ~RawListener();
     unsigned short port() const { return m_port; }
@@ -17,7 +17,7 @@ public:
     // Waits up to 5 s for one connection; returns its descriptor or -1.
     int accept_one(std::string* peerAddress = nullptr);
 
-private:
+  private:
     int m_fd;
     unsigned short m_port;
 };
@@ -25,7 +25,7 @@ private:
 // One connected socket with exact reads and writes that fail the test
 // (through exceptions) instead of hanging: every read has a 5 s limit.
 class RawConnection {
-public:
+  public:
     explicit RawConnection(int fd) : m_fd(fd) {}
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;
@@ -42,7 +42,7 @@ public:
     bool wait_closed(int timeoutMs = 5000);
     void close();
 
-private:
+  private:
     int m_fd;
 };
 

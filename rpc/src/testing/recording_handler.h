@@ -13,7 +13,7 @@ namespace orvi {
 namespace testing {
 
 class RecordingHandler : public TransportHandler {
-public:
+  public:
     unsigned int new_client(Transport& transport) override;
     void delete_client(unsigned int client_id) override;
     void new_message(unsigned int client_id, Message<BufferMutable>& message) override;
@@ -30,7 +30,7 @@ public:
     std::vector<unsigned int> deleted();
     unsigned int clients();
 
-private:
+  private:
     std::mutex m_mutex;
     std::condition_variable m_cond;
     unsigned int m_nextId = 1;

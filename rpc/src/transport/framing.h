@@ -17,7 +17,7 @@ namespace simple_socket {
 // from the last to the first. Data is referenced, never copied, so the
 // message's bytes must outlive the encoder.
 class FrameEncoder {
-public:
+  public:
     explicit FrameEncoder(const Message<BufferConst>& message);
 
     const std::vector<iovec>& pieces() const { return m_pieces; }
@@ -25,7 +25,7 @@ public:
     // The frame as one string; for tests and diagnostics.
     std::string to_bytes() const;
 
-private:
+  private:
     std::vector<unsigned char> m_prefix;  // count byte, then one length per buffer
     std::vector<iovec> m_pieces;
     size_t m_total = 0;
@@ -33,7 +33,7 @@ private:
 
 // Where the decoder takes its bytes from.
 class ByteSource {
-public:
+  public:
     virtual ~ByteSource() = default;
     // Fills exactly n bytes or throws.
     virtual void read_exact(char* dst, size_t n) = 0;
@@ -48,12 +48,12 @@ bool read_frame(ByteSource& source, Message<BufferMutable>& out);
 // A ByteSource over bytes in memory; throws SimpleSocketException when asked
 // for more than is left, like a peer that closed.
 class MemorySource : public ByteSource {
-public:
+  public:
     explicit MemorySource(std::string bytes) : m_bytes(std::move(bytes)) {}
     void read_exact(char* dst, size_t n) override;
     size_t remaining() const { return m_bytes.size() - m_pos; }
 
-private:
+  private:
     std::string m_bytes;
     size_t m_pos = 0;
 };

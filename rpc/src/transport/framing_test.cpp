@@ -50,7 +50,8 @@ struct Golden {
 std::vector<Golden> goldens() {
     return {
         // Last buffer first, each behind its own big-endian length.
-        {"three buffers", {"A", "BB", "CCC"},
+        {"three buffers",
+         {"A", "BB", "CCC"},
          hex("03  00000003 434343  00000002 4242  00000001 41")},
         {"empty message", {}, hex("00")},
         {"zero-length buffer", {""}, hex("01 00000000")},
@@ -87,8 +88,7 @@ TEST(FrameDecoder, DeliversBuffersInArrivalOrder) {
 
 TEST(FrameDecoder, EmptyFrameDeliversNothingAndConsumesOneByte) {
     size_t empty = 0;
-    EXPECT_EQ(decode_all(hex("00 00 01 00000001 61 00"), &empty),
-              std::vector<std::string>{"[a]"});
+    EXPECT_EQ(decode_all(hex("00 00 01 00000001 61 00"), &empty), std::vector<std::string>{"[a]"});
     EXPECT_EQ(empty, 3u);
 }
 
@@ -103,7 +103,7 @@ TEST(FrameDecoder, TruncatedFramesFail) {
 // The same bytes through a real socket: ProtocolV1 must put exactly the
 // encoder's layout on the wire, and read back bursts of frames in order.
 class ProtocolV1OverSocket : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, m_fds), 0); }
     void TearDown() override {
         close(m_fds[0]);

@@ -16,7 +16,9 @@ namespace simple_socket {
 
 namespace {
 
-[[noreturn]] void throw_send_failed() { throw SimpleSocketException("Failed to send data to server"); }
+[[noreturn]] void throw_send_failed() {
+    throw SimpleSocketException("Failed to send data to server");
+}
 
 // Sends the whole scatter list, resuming after partial writes.
 void write_pieces(int fd, std::vector<iovec> pieces) {
@@ -90,15 +92,25 @@ void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {
     info->m_handler->new_message(info->m_id, message);
 }
 
-size_t ProtocolV1::buffered() const { return m_reader->buffered(); }
+size_t ProtocolV1::buffered() const {
+    return m_reader->buffered();
+}
 
-void ProtocolV1::set_wake_fd(int fd) { m_reader->set_wake_fd(fd); }
+void ProtocolV1::set_wake_fd(int fd) {
+    m_reader->set_wake_fd(fd);
+}
 
-void ProtocolV1::set_quick_ack(bool on) { m_reader->set_quick_ack(on); }
+void ProtocolV1::set_quick_ack(bool on) {
+    m_reader->set_quick_ack(on);
+}
 
-bool ProtocolV1::at_end_of_stream() { return m_reader->at_end_of_stream(); }
+bool ProtocolV1::at_end_of_stream() {
+    return m_reader->at_end_of_stream();
+}
 
-void ProtocolV1::read_exact(char* dst, size_t n) { m_reader->read_exact(dst, n); }
+void ProtocolV1::read_exact(char* dst, size_t n) {
+    m_reader->read_exact(dst, n);
+}
 
 InfoClient::InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler)
     : m_id(id), m_handler(handler) {}

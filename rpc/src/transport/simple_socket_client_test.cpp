@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <gtest/gtest.h>
+#include <chrono>
 
 #include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
@@ -42,10 +42,12 @@ struct Connected {
     RawListener listener;
     std::shared_ptr<TransportSimpleSocketClient> transport;
     std::unique_ptr<RawConnection> peer;
-    std::shared_ptr<testing::RecordingHandler> handler = std::make_shared<testing::RecordingHandler>();
+    std::shared_ptr<testing::RecordingHandler> handler =
+        std::make_shared<testing::RecordingHandler>();
 
     Connected() {
-        transport = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+        transport =
+            std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
         std::thread t([&] { peer = accept_and_greet(listener); });
         transport->connect(0);
         t.join();
@@ -83,7 +85,8 @@ TEST(ClientTransport, ConnectFailures) {
         closedPort = gone.port();
     }
     TransportSimpleSocketClient refused("127.0.0.1", std::to_string(closedPort));
-    EXPECT_EQ(connect_error(refused), "Failed to connect to 127.0.0.1:" + std::to_string(closedPort));
+    EXPECT_EQ(connect_error(refused),
+              "Failed to connect to 127.0.0.1:" + std::to_string(closedPort));
 
     // Resolved from local tables only: no name server is asked.
     TransportSimpleSocketClient badService("127.0.0.1", "no-such-service");

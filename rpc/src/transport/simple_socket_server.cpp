@@ -138,8 +138,8 @@ bool TransportSimpleSocketServer::handshake(simple_socket::ProtocolV1& protocol,
     protocol.read_exact(reinterpret_cast<char*>(hello), sizeof hello);
     const bool supported = hello[1] == simple_socket::kProtocolVersion;
     // An unsupported client is told the one version we speak, then dropped.
-    const char answer = static_cast<char>(supported ? m_handshakeAnswer
-                                                    : simple_socket::kProtocolVersion);
+    const char answer =
+        static_cast<char>(supported ? m_handshakeAnswer : simple_socket::kProtocolVersion);
     simple_socket::write(fd, &answer, 1);
     if (!supported) {
         std::cerr << "Dropping a client that speaks protocol version " << int(hello[1])

@@ -1,8 +1,8 @@
 // The server transport against raw-socket clients.
 #include "orvi/transport_simple_socket_server.h"
 
-#include <chrono>
 #include <gtest/gtest.h>
+#include <chrono>
 
 #include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
@@ -24,7 +24,8 @@ struct Server {
         transport->start_serve(handler);
     }
     std::unique_ptr<RawConnection> greeted_client() {
-        auto c = std::make_unique<RawConnection>(RawConnection::connect_to(transport->local_port()));
+        auto c =
+            std::make_unique<RawConnection>(RawConnection::connect_to(transport->local_port()));
         c->write(hex("01 01"));
         EXPECT_EQ(to_hex(c->read(1)), "01 ");
         return c;

@@ -21,7 +21,9 @@ WakeEvent::WakeEvent() : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (m_fd < 0) throw SimpleSocketException("Failed to create wake event");
 }
 
-WakeEvent::~WakeEvent() { close(m_fd); }
+WakeEvent::~WakeEvent() {
+    close(m_fd);
+}
 
 void WakeEvent::signal() {
     const uint64_t one = 1;

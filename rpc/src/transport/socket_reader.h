@@ -16,7 +16,7 @@ struct ReadInterrupted {};
 
 // An eventfd that a stopping owner signals to wake a reader blocked in poll.
 class WakeEvent {
-public:
+  public:
     WakeEvent();
     ~WakeEvent();
     WakeEvent(const WakeEvent&) = delete;
@@ -26,7 +26,7 @@ public:
     void signal();
     void reset();
 
-private:
+  private:
     int m_fd;
 };
 
@@ -34,7 +34,7 @@ private:
 // system call; large buffers are read straight into their destination.
 // Used by one thread at a time (the connection's reader thread).
 class SocketReader : public ByteSource {
-public:
+  public:
     explicit SocketReader(int fd) : m_fd(fd) {}
 
     // While waiting for bytes, also watch this descriptor; -1 for none.
@@ -51,7 +51,7 @@ public:
     // there is at least one byte or the end of the stream.
     bool at_end_of_stream();
 
-private:
+  private:
     static constexpr size_t kBufferSize = 64 * 1024;
     // One successful read of at most n bytes into dst (> 0 bytes).
     size_t read_some(char* dst, size_t n);

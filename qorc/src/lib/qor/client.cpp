@@ -42,11 +42,12 @@ void Client::fw_config_mode(bool& is_fff) {
         ->execute(is_fff);
 }
 
-client::Device Client::get_device(unsigned int id) { return client::get_device(*m_protocol, id); }
+client::Device Client::get_device(unsigned int id) {
+    return client::get_device(*m_protocol, id);
+}
 
 void Client::sysupgrade(const std::string& fw, bool keep_config, bool no_keep, int timeout,
-                        const std::string& reboot_url,
-                        const client::SysupgradeHandler& handler) {
+                        const std::string& reboot_url, const client::SysupgradeHandler& handler) {
     client::sysupgrade(*m_protocol, fw, keep_config, no_keep, timeout, reboot_url, handler);
 }
 

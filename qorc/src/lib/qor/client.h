@@ -13,7 +13,7 @@
 namespace qor {
 
 class Client {
-public:
+  public:
     // Starts the engine with its one worker thread.
     Client();
     // Drops our transport reference, then the engine, which stops every
@@ -36,7 +36,7 @@ public:
     void sysupgrade(const std::string& fw, bool keep_config, bool no_keep, int timeout,
                     const std::string& reboot_url, const client::SysupgradeHandler& handler);
 
-private:
+  private:
     orvi::Protocol* m_protocol;  // owned: created here, deleted by the destructor
     std::shared_ptr<orvi::Transport> m_transport;
 };

@@ -26,7 +26,9 @@ const std::string& Echo::execute(const std::string& payload) {
     return reply;
 }
 
-void Echo::process_message(const char* data, unsigned int size) { reply.assign(data, size); }
+void Echo::process_message(const char* data, unsigned int size) {
+    reply.assign(data, size);
+}
 
 void FallbackFfh::execute() {
     send_request(*this, pb::fallback_ffh::Request());

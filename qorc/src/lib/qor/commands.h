@@ -22,57 +22,57 @@ constexpr const char* kSysupgradeCommand = "com.korvane.command.sysupgrade";
 
 // Sends the payload bytes unchanged; the last answer body is the reply.
 class Echo : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     const std::string& execute(const std::string& payload);
     std::string reply;
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 class FallbackFfh : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute();
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 // is_fff: firmware from flash (true) or from the host (false).
 class FwConfigMode : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(bool& is_fff);
     bool is_fff = false;
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 class SystemBootEnd : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     bool execute();
     bool boot_done = false;
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 // Returns only once the board has finished booting.
 class WaitSystemBootEnd : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute();
 
-protected:
+  protected:
     void process_message(const char*, unsigned int) override {}
 };
 
 class Version : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(std::string& version, std::string& magic);
     // The caller's strings, set only during execute. Atomic: a late answer
@@ -80,7 +80,7 @@ public:
     std::atomic<std::string*> version{nullptr};
     std::atomic<std::string*> magic{nullptr};
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 

@@ -121,7 +121,7 @@ namespace {
 
 // Holds our pid in the marker file and removes the file on every way out.
 class MarkerFile {
-public:
+  public:
     MarkerFile() {
         std::FILE* f = std::fopen(kSysupgradeMarkerFile, "w");
         if (f == nullptr) {

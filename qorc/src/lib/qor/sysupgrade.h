@@ -22,7 +22,7 @@ constexpr size_t kSysupgradeChunkSize = 4096;
 // 4096-byte chunk, which the worker reads from the file and sends at once,
 // so one chunk is in flight and the image is never held whole.
 class Sysupgrade : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     ~Sysupgrade() override;
 
@@ -34,10 +34,10 @@ public:
     // Body of the thread started after the last chunk; empty in this version.
     void worker_for_dummy_packets();
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 
-private:
+  private:
     std::mutex m_mutex;  // guards m_handler
     const SysupgradeHandler* m_handler = nullptr;
 

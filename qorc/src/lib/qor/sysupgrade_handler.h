@@ -10,7 +10,7 @@ namespace client {
 // sent; on_status_update and on_connect_retry on the caller's thread. The
 // transfer is over before the first status after UPGRADING is reported.
 class SysupgradeHandler {
-public:
+  public:
     enum Status {
         UPGRADING = 0,
         UPGRADE_FAILED = 1,

@@ -1,8 +1,8 @@
 // The boot-end wait and the reconnection pause, against a scripted board.
 #include "qor/sysupgrade.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
+#include <fstream>
 
 #include "orvi/transport_simple_socket_client.h"
 #include "qor/protobuf/system_boot_end.pb.h"
@@ -88,9 +88,9 @@ TEST(UpgradeProcedure, EmptyOrMissingImageFailsBeforeTheBoardIsAsked) {
 }
 
 TEST(UpgradeProcedure, ReconnectPauseNeverExceedsOneSecond) {
-    EXPECT_EQ(reconnect_pause(0), 1u);   // a quick failure
-    EXPECT_EQ(reconnect_pause(1), 0u);   // a one-second attempt
-    EXPECT_EQ(reconnect_pause(2), 0u);   // two second boundaries passed
+    EXPECT_EQ(reconnect_pause(0), 1u);  // a quick failure
+    EXPECT_EQ(reconnect_pause(1), 0u);  // a one-second attempt
+    EXPECT_EQ(reconnect_pause(2), 0u);  // two second boundaries passed
     EXPECT_EQ(reconnect_pause(90), 0u);
     EXPECT_EQ(reconnect_pause(-3), 1u);  // the clock stepped back
 }

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <string>
 
-#include "qor/device/device.h"
 #include "orvi/protocol.h"
+#include "qor/device/device.h"
 
 namespace qor {
 namespace client {
@@ -19,60 +19,60 @@ constexpr const char* kDeviceActivateCommand = "com.korvane.command.device.activ
 
 // Found when the answer's status is 0; an unreadable answer counts as found.
 class DeviceGet : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     Device execute(unsigned int device_id);
     bool found = false;
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 class DeviceIdentitiesGet : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(unsigned int device_id, DeviceIdentities& out);
     std::atomic<DeviceIdentities*> identities{nullptr};  // set only during execute
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 class DevicePsiGet : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(unsigned int device_id, const std::string& path, std::string& json);
     std::atomic<std::string*> json{nullptr};  // set only during execute
 
-protected:
+  protected:
     void process_message(const char* data, unsigned int size) override;
 };
 
 // Prints "json: <text>" before sending; scripts rely on that trace.
 class DevicePsiSet : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(unsigned int device_id, const std::string& path, const std::string& json);
 
-protected:
+  protected:
     void process_message(const char*, unsigned int) override {}
 };
 
 class DeviceResetImei : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(unsigned int device_id, const std::string& passcode);
 
-protected:
+  protected:
     void process_message(const char*, unsigned int) override {}
 };
 
 class DeviceActivate : public orvi::ProxyCommandClient {
-public:
+  public:
     using ProxyCommandClient::ProxyCommandClient;
     void execute(unsigned int device_id, const std::string& passcode);
 
-protected:
+  protected:
     void process_message(const char*, unsigned int) override {}
 };
 

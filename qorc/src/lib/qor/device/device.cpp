@@ -69,7 +69,9 @@ void Device::reset_imei(const std::string& passcode) {
         ->execute(m_info->id, passcode);
 }
 
-DeviceManager::DeviceManager(orvi::Protocol& protocol) { protocol.register_life_handler(this); }
+DeviceManager::DeviceManager(orvi::Protocol& protocol) {
+    protocol.register_life_handler(this);
+}
 
 DeviceManager::~DeviceManager() {
     // Still attached: the engine outlives us (program exit). Handles that

@@ -37,19 +37,19 @@ struct DeviceIdentities {
 };
 
 class DeviceException : public std::exception {
-public:
+  public:
     explicit DeviceException(DeviceStatus status) : m_status(status) {}
     const char* what() const noexcept override { return get_device_status_str(m_status); }
     DeviceStatus status() const { return m_status; }
 
-private:
+  private:
     DeviceStatus m_status;
 };
 
 // A copyable handle. Empty (no engine, no info) for a device the board does
 // not know.
 class Device {
-public:
+  public:
     Device() = default;
     Device(orvi::Protocol* protocol, std::shared_ptr<DeviceInfo> info)
         : m_protocol(protocol), m_info(std::move(info)) {}
@@ -66,7 +66,7 @@ public:
     bool valid() const { return m_protocol != nullptr && m_info != nullptr; }
     const std::shared_ptr<DeviceInfo>& info() const { return m_info; }
 
-private:
+  private:
     void check_usable();
 
     orvi::Protocol* m_protocol = nullptr;
@@ -75,7 +75,7 @@ private:
 
 // One per engine, registered as the engine's life handler.
 class DeviceManager : public orvi::ProtocolLifeHandler {
-public:
+  public:
     explicit DeviceManager(orvi::Protocol& protocol);
     ~DeviceManager() override;
     void on_protocol_destroyed(orvi::Protocol* protocol) override;
@@ -83,7 +83,7 @@ public:
     std::map<unsigned int, Device> m_devices;
     static std::map<orvi::Protocol*, std::shared_ptr<DeviceManager>> s_deviceManagerMap;
 
-private:
+  private:
     void mark_lost();
 };
 

@@ -17,7 +17,7 @@ namespace qor {
 namespace testing {
 
 class FakeBoard {
-public:
+  public:
     FakeBoard() : m_protocol(new orvi::Protocol(2)) {
         m_transport = std::make_shared<orvi::TransportSimpleSocketServer>("127.0.0.1", "0");
         m_transport->listen();
@@ -36,10 +36,10 @@ public:
             }
             body(h, request);
         };
-        m_protocol->add_command(full, std::make_shared<qord_sim::FunctionFactory>(
-                                          [counted](orvi::Protocol& p) {
-                                              return std::make_shared<qord_sim::Handler>(p, counted);
-                                          }));
+        m_protocol->add_command(
+            full, std::make_shared<qord_sim::FunctionFactory>([counted](orvi::Protocol& p) {
+                return std::make_shared<qord_sim::Handler>(p, counted);
+            }));
     }
 
     int calls(const std::string& name) {
@@ -47,7 +47,7 @@ public:
         return m_calls["com.korvane.command." + name];
     }
 
-private:
+  private:
     std::unique_ptr<orvi::Protocol> m_protocol;
     std::shared_ptr<orvi::TransportSimpleSocketServer> m_transport;
     std::mutex m_mutex;
