@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Usage: scripts/build.sh [build-dir] [extra cmake args...]
-# Configures (once) and builds the project. Default directory: build.
+# Configures and builds the project. Default directory: build.
+# BUILD_TARGETS="a b" builds only those targets.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-$root/build}
 shift || true
 cmake -S "$root" -B "$dir" "$@" >/dev/null
-cmake --build "$dir" -j "$(nproc)"
+targets=()
+for t in ${BUILD_TARGETS:-}; do targets+=(--target "$t"); done
+cmake --build "$dir" -j "$(nproc)" "${targets[@]}"

@@ -16,15 +16,17 @@ run() { # name build-dir ctest-args... -- cmake-args...
   while [ $# -gt 0 ] && [ "$1" != "--" ]; do ctest_args+=("$1"); shift; done
   [ $# -gt 0 ] && shift
   cmake_args=("$@")
-  echo "=== $name: build"
+  echo "=== $name: build (${SECONDS}s)"
   bash scripts/build.sh "$dir" "${cmake_args[@]}"
-  echo "=== $name: test"
+  echo "=== $name: test (${SECONDS}s)"
   (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 "${ctest_args[@]}")
 }
 
 run "normal" build/test-normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run "asan+ubsan" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=address,undefined
+# Only the threaded parts: the engine, the transports and the client library.
+BUILD_TARGETS="orvi_protocol_test orvi_client_transport_test orvi_server_transport_test orvi_framing_test qor_client_test" \
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread
-echo "=== all test runs passed"
+echo "=== all test runs passed (${SECONDS}s)"

@@ -1,5 +1,6 @@
 // The board's side of an upgrade: ask for the image chunk by chunk, check
 // every size, report a few flashing steps, finish, reboot into the image.
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -79,7 +80,7 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
     }
 
     void chunk(const char* data, unsigned int size) {
-        ++m_chunks;
+        if (++m_chunks == 1) m_firstChunk = std::chrono::steady_clock::now();
         if (m_chunks == m_board.options().refuseChunk) {
             throw std::runtime_error("image refused at chunk " + std::to_string(m_chunks));
         }
@@ -98,6 +99,11 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
             return;
         }
         if (m_out.is_open()) m_out.close();
+        const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                                std::chrono::steady_clock::now() - m_firstChunk)
+                                .count();
+        std::cout << "qord-sim upgrade: received " << m_received << " bytes in " << micros << " us"
+                  << std::endl;
         m_board.state().install_firmware(image_version(), m_digest.hex());
         if (m_board.options().dropAfterLastChunk) {
             m_board.drop_client(get_transport_client_id());
@@ -123,6 +129,7 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
     uint32_t m_size = 0;
     uint32_t m_received = 0;
     unsigned long m_chunks = 0;
+    std::chrono::steady_clock::time_point m_firstChunk;
     Digest m_digest;
     std::string m_head;  // first bytes, for a version line
     std::ofstream m_out;

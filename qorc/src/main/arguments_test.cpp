@@ -20,12 +20,12 @@ int parse(std::vector<std::string> words, Arguments& a) {
 TEST(Arguments, OptionsAndLastValueWins) {
     Arguments a;
     EXPECT_EQ(parse({"sysupgrade", "-c", "-n", "-t", "30s", "--timeout", "12", "--reboot-url",
-                     "10.0.0.9", "--bind", "127.0.0.2", "-u", "h:1", "fw.zpk"},
+                     "127.0.0.9", "--bind", "127.0.0.2", "-u", "h:1", "fw.zpk"},
                     a),
               -1);
     EXPECT_TRUE(a.sysupgrade && a.keep_config && a.no_keep);
     EXPECT_EQ(a.timeout, 12);
-    EXPECT_EQ(a.reboot_url, "10.0.0.9");
+    EXPECT_EQ(a.reboot_url, "127.0.0.9");
     EXPECT_EQ(a.bind, "127.0.0.2");
     EXPECT_EQ(a.url, "h:1");
     EXPECT_EQ(a.fw, "fw.zpk");
@@ -63,10 +63,10 @@ TEST(Arguments, FreeArgumentsGoToTheFirstTaker) {
 
 TEST(Arguments, SplitAddressAtTheFirstColon) {
     std::string host, port;
-    split_address("10.0.0.5", host, port);
-    EXPECT_EQ(host + "|" + port, "10.0.0.5|7000");
-    split_address("10.0.0.5:", host, port);
-    EXPECT_EQ(host + "|" + port, "10.0.0.5|7000");
+    split_address("127.0.0.5", host, port);
+    EXPECT_EQ(host + "|" + port, "127.0.0.5|7000");
+    split_address("127.0.0.5:", host, port);
+    EXPECT_EQ(host + "|" + port, "127.0.0.5|7000");
     split_address(":8000", host, port);
     EXPECT_EQ(host + "|" + port, "|8000");
     split_address("tcp://h:1", host, port);
