@@ -94,9 +94,7 @@ double raw_lockstep_once(size_t total) {
     unsigned short port;
     const int listener = listen_loopback(port);
     std::thread server([&] {
-        const int fd = accept(listener, nullptr, nullptr);
-        const int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const int fd = accept_one(listener, true);
         std::vector<char> chunk(kChunk);
         const char next[16] = {};
         for (size_t done = 0; done < total; done += kChunk) {
@@ -133,9 +131,7 @@ double raw_ping_pong_us(int rounds) {
     unsigned short port;
     const int listener = listen_loopback(port);
     std::thread server([&] {
-        const int fd = accept(listener, nullptr, nullptr);
-        const int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const int fd = accept_one(listener, true);
         char c;
         for (int i = 0; i < rounds; ++i) {
             read_exact(fd, &c, 1);
@@ -170,6 +166,12 @@ double command_round_trip_us(unsigned short port, int rounds) {
 std::string fmt(double v, int decimals = 2) {
     char b[64];
     std::snprintf(b, sizeof b, "%.*f", decimals, v);
+    return b;
+}
+
+std::string signed_fmt(double v) {
+    char b[64];
+    std::snprintf(b, sizeof b, "%+.2f", v);
     return b;
 }
 
@@ -243,7 +245,7 @@ int run(int argc, char** argv) {
     o = stats_of(ours);
     r = stats_of(ref);
     std::cout << "| peak RSS of `qorc sysupgrade`, MiB: 256 MiB image vs 1 MiB image | "
-              << cell(o, 2) << " | " << cell(r, 2) << " | +" << fmt(o.median - r.median)
+              << cell(o, 2) << " | " << cell(r, 2) << " | " << signed_fmt(o.median - r.median)
               << " MiB | ≤ +2 MiB |" << std::endl;
     return 0;
 }

@@ -111,6 +111,13 @@ int connect_loopback(unsigned short port, bool nodelay) {
     return fd;
 }
 
+int accept_one(int listener, bool nodelay) {
+    const int fd = accept(listener, nullptr, nullptr);
+    const int one = nodelay ? 1 : 0;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return fd;
+}
+
 void read_exact(int fd, char* data, size_t n) {
     while (n > 0) {
         const ssize_t r = read(fd, data, n);

@@ -36,6 +36,7 @@ std::string wait_for_line(const std::string& path, const std::string& text, int 
 // A loopback listener on a free port.
 int listen_loopback(unsigned short& port);
 int connect_loopback(unsigned short port, bool nodelay);
+int accept_one(int listener, bool nodelay);
 void read_exact(int fd, char* data, size_t n);
 void write_all(int fd, const char* data, size_t n);
 

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <map>
@@ -110,6 +111,12 @@ class Protocol {
     void process_message(unsigned int client, const Message<BufferMutable>& message);
     std::shared_ptr<Proxy> command_message(ClientInfo& client, Header& header);
 
+    // How long an idle worker watches the queue before it parks; 0 (the
+    // default) parks at once. Worth it for a one-worker client that waits
+    // on round trips; not for a pool of workers sharing a few cores. Set
+    // before the first message arrives.
+    void set_worker_spin(std::chrono::microseconds spin) { m_spinMicros = spin.count(); }
+
     struct Stats {
         std::atomic<unsigned> transportsAdded{0}, transportsActive{0};
         std::atomic<unsigned> clientsCreated{0}, clientsActive{0};
@@ -155,9 +162,12 @@ class Protocol {
 
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
-    std::list<ClientMessage> m_queue;   // m_queueMutex
-    bool m_running = true;              // m_queueMutex
-    std::vector<WorkerInfo> m_workers;  // busy/client: m_queueMutex
+    std::list<ClientMessage> m_queue;  // m_queueMutex
+    std::atomic<size_t> m_queued{0};   // m_queue.size(), for workers that spin before parking
+    std::atomic<long> m_spinMicros{0};
+    std::atomic<bool> m_stopping{false};  // lets a spinning worker see the end at once
+    bool m_running = true;                // m_queueMutex
+    std::vector<WorkerInfo> m_workers;    // busy/client: m_queueMutex
 
     std::mutex m_proxyIdMutex;
     unsigned int m_lastProxyId = 0;  // m_proxyIdMutex

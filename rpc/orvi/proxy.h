@@ -6,6 +6,7 @@
 // std::shared_ptr and are not copyable.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -88,6 +89,9 @@ class ProxyCommandClient : public ProxyCommand {
   private:
     std::mutex m_mutex;  // guards m_exception, m_noHandler; pairs with m_cond
     std::condition_variable m_cond;
+    // Set, under m_mutex, when the command ends; read without the lock by a
+    // waiter that spins before it parks.
+    std::atomic<bool> m_ended{false};
     std::string m_exception;
     bool m_noHandler = false;
 };

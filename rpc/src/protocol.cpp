@@ -5,10 +5,15 @@
 #include <iostream>
 
 #include "header.pb.h"
+#include "orvi/spin_wait.h"
 
 namespace orvi {
 
 namespace {
+// Set when a proxy finishes on this thread: the worker that routed the
+// message then knows the conversation is over and parks without spinning.
+thread_local bool t_proxyFinished = false;
+
 // Destroyed at exit, after every message object of the program is gone.
 ProtoBufCleanup protoBufCleanup;
 }  // namespace
@@ -54,18 +59,20 @@ Protocol::~Protocol() {
         std::lock_guard<std::mutex> lock(m_transportsMutex);
         transports.swap(m_transportMap);
     }
-    for (auto& entry : transports) {
-        entry.second->handler->clear();
-        entry.first->stop_serve();
-    }
-    transports.clear();
-
+    // Once the handlers are cleared nothing new reaches the queue, so the
+    // workers can be told to stop now and wind down while the transports'
+    // threads are joined.
+    for (auto& entry : transports) entry.second->handler->clear();
+    m_stopping = true;
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_running = false;
         m_queue.clear();
+        m_queued.store(0, std::memory_order_release);
     }
     m_queueCond.notify_all();
+    for (auto& entry : transports) entry.first->stop_serve();
+    transports.clear();
     for (WorkerInfo& w : m_workers) w.thread->join();
 
     std::vector<ProtocolLifeHandler*> handlers;
@@ -173,6 +180,7 @@ void Protocol::new_message(unsigned int id, Message<BufferMutable>& message) {
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_queue.push_back(ClientMessage{id, std::move(message)});
+        m_queued.store(m_queue.size(), std::memory_order_release);
     }
     m_queueCond.notify_one();
 }
@@ -275,6 +283,7 @@ void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
 }
 
 void Protocol::proxy_done(ProxyInfo& info) {
+    t_proxyFinished = true;
     {
         std::lock_guard<std::mutex> state(info.state_mutex);
         info.done = true;
@@ -416,19 +425,38 @@ std::list<Protocol::ClientMessage>::iterator Protocol::next_eligible(unsigned in
 
 void Protocol::worker(unsigned int index) {
     std::unique_lock<std::mutex> lock(m_queueMutex);
+    // Spin only right after work: an idle engine parks at once.
+    bool spun = true;
     while (m_running) {
         auto it = next_eligible(index);
         if (it == m_queue.end()) {
             m_workers[index].busy = false;
             m_workers[index].client = 0;
+            if (!spun && m_spinMicros > 0 && m_queue.empty()) {
+                // The next message of a conversation usually follows within
+                // a round trip: watch for it briefly before parking.
+                spun = true;
+                lock.unlock();
+                spin_until(
+                    [this] {
+                        return m_queued.load(std::memory_order_acquire) != 0 ||
+                               m_stopping.load(std::memory_order_acquire);
+                    },
+                    std::chrono::microseconds(m_spinMicros));
+                lock.lock();
+                continue;
+            }
+            spun = false;
             m_queueCond.wait(lock);
             continue;
         }
         ClientMessage item = std::move(*it);
         m_queue.erase(it);
+        m_queued.store(m_queue.size(), std::memory_order_release);
         m_workers[index].busy = true;
         m_workers[index].client = item.client;
         lock.unlock();
+        t_proxyFinished = false;
         try {
             process_message(item.client, item.message);
         } catch (const std::exception& e) {
@@ -439,6 +467,8 @@ void Protocol::worker(unsigned int index) {
                       << std::endl;
         }
         item.message = Message<BufferMutable>();
+        // Spin for the next message only while a command is still running.
+        spun = t_proxyFinished;
         lock.lock();
     }
 }

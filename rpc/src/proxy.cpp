@@ -2,11 +2,14 @@
 
 #include "orvi/exceptions.h"
 #include "orvi/protocol.h"
+#include "orvi/spin_wait.h"
 #include "proxy/command_header.pb.h"
 
 namespace orvi {
 
 namespace {
+
+constexpr int kWaitSpinMicros = 200;
 
 bool parse_command_header(CommandHeader& header, const BufferMutable& buffer) {
     return buffer.size <= INT_MAX &&
@@ -88,6 +91,7 @@ void ProxyCommandClient::new_message(const_iterator first, const_iterator last) 
 
 void ProxyCommandClient::set_done() {
     std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended.store(true, std::memory_order_release);
     m_cond.notify_one();
     Proxy::set_done();
 }
@@ -95,6 +99,7 @@ void ProxyCommandClient::set_done() {
 void ProxyCommandClient::set_remote_exception(const std::string& text) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_exception = text;
+    m_ended.store(true, std::memory_order_release);
     m_cond.notify_one();
     Proxy::set_done();
 }
@@ -113,6 +118,10 @@ void ProxyCommandClient::client_lost(const std::string& reason) {
 }
 
 void ProxyCommandClient::wait() {
+    // Most answers come back within a short round trip; catch them without
+    // parking the thread.
+    spin_until([this] { return m_ended.load(std::memory_order_acquire); },
+               std::chrono::microseconds(kWaitSpinMicros));
     std::unique_lock<std::mutex> lock(m_mutex);
     m_cond.wait(lock, [this] { return is_done(); });
     if (m_exception.empty()) return;

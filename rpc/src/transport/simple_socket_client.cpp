@@ -85,8 +85,14 @@ void TransportSimpleSocketClient::connect(int timeout) {
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     AddrInfoList remote;
+    // A numeric address needs no name service; asking for it that way first
+    // gives the same answer without reading the resolver's configuration.
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
-        throw SimpleSocketException("Failed to resolve hostname " + m_host + ":" + m_port);
+        hints.ai_flags = 0;
+        if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
+            throw SimpleSocketException("Failed to resolve hostname " + m_host + ":" + m_port);
+        }
     }
 
     timeval start;

@@ -6,7 +6,10 @@
 
 namespace qor {
 
-Client::Client() : m_protocol(new orvi::Protocol(1)) {}
+Client::Client() : m_protocol(new orvi::Protocol(1)) {
+    // One worker, one command at a time: catch each answer without a wake-up.
+    m_protocol->set_worker_spin(std::chrono::microseconds(200));
+}
 
 Client::~Client() {
     m_transport.reset();
