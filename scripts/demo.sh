@@ -44,12 +44,15 @@ run reset_imei "$work/passcodes.txt"
 run activate WRONG-CODE
 run activate TALVEX-5678
 
-# An image whose first line names its version, then 3 MiB of data.
+run fallback_ffh
+# The board reboots into firmware-from-host; give it a moment to come back.
+for _ in $(seq 200); do [ "$(grep -c "back on" "$work/sim.log")" -ge 1 ] && break; sleep 0.05; done
+run fw_config_mode
+
+# Last, an upgrade: an image whose first line names its version, then 3 MiB
+# of data. qorc streams it, follows the reboot and checks the new version.
 { echo "QORFW 4.3.0-demo"; head -c $((3 * 1024 * 1024)) /dev/urandom; } >"$work/image.zpk"
 run sysupgrade "$work/image.zpk"
-run fallback_ffh
-sleep 1.5
-run fw_config_mode
 echo
 echo "qord-sim's own log:"
 sed 's/^/  /' "$work/sim.log"

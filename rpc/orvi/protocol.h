@@ -143,7 +143,8 @@ class Protocol {
     void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
     void worker(unsigned int index);
     std::list<ClientMessage>::iterator next_eligible(unsigned int index);
-    void reply_no_handler(ClientInfo& client, const Header& incoming);
+    void reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
+                          const Header& incoming);
 
     Stats m_stats;
 

@@ -352,7 +352,11 @@ void Protocol::process_message(unsigned int id, const Message<BufferMutable>& me
         }
         return;
     }
-    reply_no_handler(*client, header);
+    // Sent with no lock held: a send may release the connection and so
+    // reach delete_client, which takes the clients lock.
+    std::shared_ptr<Transport> transport = client->transport.lock();
+    clientLock.unlock();
+    reply_no_handler(transport, id, header);
 }
 
 std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& header) {
@@ -394,7 +398,8 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     return proxy;
 }
 
-void Protocol::reply_no_handler(ClientInfo& client, const Header& incoming) {
+void Protocol::reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
+                                const Header& incoming) {
     Header reply;
     reply.set_message_type(Header::NO_HANDLER);
     reply.set_proxy_dest(incoming.proxy_source());
@@ -403,9 +408,9 @@ void Protocol::reply_no_handler(ClientInfo& client, const Header& incoming) {
         throw ProtocolException("failed to serialize error header");
     MessageConst message;
     message.push_back(BufferConst(bytes.data(), bytes.size()));
-    if (auto transport = client.transport.lock()) {
+    if (transport) {
         ++m_stats.messagesSent;
-        transport->send_message(client.id, message);
+        transport->send_message(client, message);
     }
 }
 

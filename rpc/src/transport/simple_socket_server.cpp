@@ -180,8 +180,13 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
         std::cerr << "Dropping client " << id << ": unknown error" << std::endl;
     }
     if (m_running) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_clients.erase(id);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_clients.erase(id);
+        }
+        // Told here, on the reader thread, rather than by whichever sender
+        // happens to drop the record last while holding its own locks.
+        if (auto handler = std::move(info->m_handler)) handler->delete_client(id);
     }
     info.reset();
     self->finished = true;
