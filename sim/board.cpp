@@ -33,6 +33,7 @@ std::shared_ptr<orvi::TransportSimpleSocketServer> Board::listen_on(const std::s
                                                                     const std::string& port) {
     auto transport = std::make_shared<orvi::TransportSimpleSocketServer>(host, port);
     transport->set_nodelay(m_options.nodelay);
+    transport->set_split_writes(m_options.splitFrames);
     transport->set_handshake_answer(static_cast<unsigned char>(m_options.handshakeVersion));
     transport->listen();
     return transport;

@@ -30,6 +30,9 @@ Options:
   --image-out FILE          Write every received upgrade image to FILE.
   --workers N               Engine worker threads (4).
   --nodelay                 Set TCP_NODELAY on client sockets (a board does not).
+  --split-frames            Write every piece of a frame (count, each length,
+                            each data block) with a write of its own, as some
+                            boards do. The bytes on the wire are the same.
   -h, --help                This help.
 
 Misbehaviour, for tests (may be repeated; NAME is a command name such as
@@ -106,6 +109,8 @@ int parse_options(int argc, char** argv, Options& o) {
             return 0;
         } else if (arg == "--nodelay") {
             o.nodelay = true;
+        } else if (arg == "--split-frames") {
+            o.splitFrames = true;
         } else if (arg == "--drop-after-last-chunk") {
             o.dropAfterLastChunk = true;
         } else if (arg == "--never-return") {

@@ -19,6 +19,7 @@ struct Options {
     int bootTimeMs = 0;
     int workers = 4;
     bool nodelay = false;
+    bool splitFrames = false;
     int handshakeVersion = 1;
 
     // Misbehaviour, for tests.

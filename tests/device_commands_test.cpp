@@ -149,6 +149,12 @@ TEST(Devices, UnknownDeviceStopsAtTheAssertion) {
         << r.err;
 }
 
+TEST(Devices, BoardThatSplitsItsFrames) {
+    Board b({"--split-frames"});
+    expect(b.run({"psi_get"}), 0, b.hello() + kPsi + "\n", "");
+    expect(b.run({"fw_config_mode"}), 0, b.hello() + "FW configuration mode: FFF\n", "");
+}
+
 TEST(Devices, HandshakeMismatch) {
     Board b({"--handshake-version", "2"});
     expect(b.run({"discover"}), 1, b.hello(),

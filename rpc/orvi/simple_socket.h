@@ -38,6 +38,9 @@ class ProtocolBase {
     // A descriptor whose readiness interrupts a blocked read.
     virtual void set_wake_fd(int) {}
     virtual void set_quick_ack(bool) {}
+    // Write the count, each length and each data block with a write of its
+    // own, as some peers do; the bytes on the wire are the same.
+    virtual void set_split_writes(bool) {}
 };
 
 // Framing of protocol version 1. Does not own the descriptor.
@@ -51,6 +54,7 @@ class ProtocolV1 : public ProtocolBase {
     size_t buffered() const override;
     void set_wake_fd(int fd) override;
     void set_quick_ack(bool on) override;
+    void set_split_writes(bool on) override { m_splitWrites = on; }
     // True when the peer closed between two frames.
     bool at_end_of_stream();
     // Raw bytes through the same buffer, for the server's handshake.
@@ -58,6 +62,7 @@ class ProtocolV1 : public ProtocolBase {
 
   private:
     int m_fd;
+    bool m_splitWrites = false;
     std::unique_ptr<SocketReader> m_reader;  // used by the reader thread only
 };
 

@@ -43,6 +43,8 @@ class TransportSimpleSocketServer : public Transport {
     void set_handshake_answer(unsigned char version) { m_handshakeAnswer = version; }
     // Off by default, as on a board.
     void set_nodelay(bool on) { m_nodelay = on; }
+    // Each piece of a frame in a write of its own; see ProtocolBase.
+    void set_split_writes(bool on) { m_splitWrites = on; }
 
     void start_serve(const std::shared_ptr<TransportHandler>& handler) override;
     // Closes the listener and every client, joins every thread; returns
@@ -71,6 +73,7 @@ class TransportSimpleSocketServer : public Transport {
     int m_listenFd = -1;
     unsigned char m_handshakeAnswer = 1;
     bool m_nodelay = false;
+    bool m_splitWrites = false;
     std::weak_ptr<TransportHandler> m_handler;
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
     std::atomic<bool> m_running{false};

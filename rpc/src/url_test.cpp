@@ -64,7 +64,8 @@ INSTANTIATE_TEST_SUITE_P(
         ParseCase{"tcp://h:1?x=/y", "tcp", "h", "1?x=", "/y", {{"x", "/y"}}},
         ParseCase{"", "", "", "", "", {}}, ParseCase{":8000", "", "", "8000", "", {{":8000", ""}}},
         ParseCase{"tcp://:7000", "tcp", "", "7000", "", {{"tcp://:7000", ""}}},
-        ParseCase{"a=b=c", "", "a=b=c", "", "", {{"a", "b=c"}}}));
+        ParseCase{"a=b=c", "", "a=b=c", "", "", {{"a", "b=c"}}}),
+    [](const ::testing::TestParamInfo<ParseCase>& info) { return std::to_string(info.index); });
 
 TEST(SerializeUrl, WritesPartsInOrderWithoutParams) {
     Url url;

@@ -122,6 +122,17 @@ TEST_F(ProtocolV1OverSocket, SendWritesTheGoldenBytes) {
     }
 }
 
+TEST_F(ProtocolV1OverSocket, SplitWritesPutTheSameBytesOnTheWire) {
+    ProtocolV1 protocol(m_fds[0]);
+    protocol.set_split_writes(true);
+    testing::RawConnection peer(dup(m_fds[1]));
+    for (const Golden& g : goldens()) {
+        std::vector<std::string> copy = g.buffers;
+        protocol.send_message(message_of(copy));
+        EXPECT_EQ(to_hex(peer.read(g.wire.size())), to_hex(g.wire)) << g.name;
+    }
+}
+
 TEST_F(ProtocolV1OverSocket, ManyFramesInOneWriteArriveInOrder) {
     auto handler = std::make_shared<testing::RecordingHandler>();
     auto info = std::make_shared<InfoClient>(7, handler);

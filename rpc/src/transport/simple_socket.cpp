@@ -83,7 +83,12 @@ ProtocolV1::~ProtocolV1() = default;
 
 void ProtocolV1::send_message(const Message<BufferConst>& message) {
     FrameEncoder frame(message);
-    write_pieces(m_fd, frame.pieces());
+    if (!m_splitWrites) {
+        // One system call, no staging copy: the frame leaves as one segment.
+        write_pieces(m_fd, frame.pieces());
+        return;
+    }
+    for (const iovec& piece : frame.pieces()) write_pieces(m_fd, {piece});
 }
 
 void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {

@@ -154,6 +154,7 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
     auto* protocol = new simple_socket::ProtocolV1(fd);
     info->m_protocol.reset(protocol);
     protocol->set_wake_fd(m_wake->fd());
+    protocol->set_split_writes(m_splitWrites);
     const int nodelay = m_nodelay ? 1 : 0;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
 
