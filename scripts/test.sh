@@ -9,6 +9,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 
+echo "=== format check"
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
 jobs=$(nproc)
 run() { # name build-dir ctest-args... -- cmake-args...
   local name=$1 dir=$2; shift 2
