@@ -108,6 +108,9 @@ TEST(Cli, ScanMessagesStandAlone) {
 }
 
 TEST(Cli, AddressForming) {
+    // The default address, tried from an empty network namespace.
+    expect(run_qorc({"discover"}), 1, "Try to connect to 192.168.15.1:7000\n",
+           "Error: Failed to connect to 192.168.15.1:7000\n");
     const std::string closed = closed_address();
     const std::string port = closed.substr(closed.find(':') + 1);
     expect(run_qorc({"--url", closed, "discover"}), 1, "Try to connect to " + closed + "\n",

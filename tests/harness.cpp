@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -117,10 +118,20 @@ int Process::wait(int timeoutMs) {
 }
 
 Result run_qorc(const std::vector<std::string>& args, int timeoutMs) {
+    // Without an explicit address qorc would aim at the board's default
+    // one. Such runs get a network namespace of their own, with nothing in
+    // it, so that no packet can ever leave this machine.
+    std::string binary = QORC_BIN;
+    std::vector<std::string> argv = args;
+    if (std::find(args.begin(), args.end(), "--url") == args.end() &&
+        std::find(args.begin(), args.end(), "-u") == args.end()) {
+        binary = "/usr/bin/unshare";
+        argv.insert(argv.begin(), {"--net", QORC_BIN});
+    }
     TempDir dir;
     Result r;
     {
-        Process p(QORC_BIN, args, dir.file("out"), dir.file("err"));
+        Process p(binary, argv, dir.file("out"), dir.file("err"));
         r.status = p.wait(timeoutMs);
     }
     r.out = read_file(dir.file("out"));

@@ -52,7 +52,8 @@ class Process {
 const char* qorc_binary();
 const char* qord_sim_binary();
 
-// qorc with the given arguments, to completion.
+// qorc with the given arguments, to completion. Without --url or -u it
+// runs in an empty network namespace of its own.
 Result run_qorc(const std::vector<std::string>& args, int timeoutMs = 60000);
 
 // qord-sim on 127.0.0.1 with a free port, started and ready to serve.
