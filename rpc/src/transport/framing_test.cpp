@@ -107,7 +107,21 @@ class ProtocolV1OverSocket : public ::testing::Test {
     void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, m_fds), 0); }
     void TearDown() override {
         close(m_fds[0]);
-        close(m_fds[1]);
+        if (m_fds[1] >= 0) close(m_fds[1]);
+    }
+    // A connection record on our end, reporting to `handler`.
+    std::shared_ptr<InfoClient> record(const std::shared_ptr<testing::RecordingHandler>& handler,
+                                       unsigned int id = 1) {
+        auto info = std::make_shared<InfoClient>(id, handler);
+        info->m_fd = dup(m_fds[0]);
+        info->m_protocol.reset(new ProtocolV1(info->m_fd));
+        return info;
+    }
+    // The peer writes `bytes`, then closes its end.
+    void peer_writes_and_closes(const std::string& bytes) {
+        testing::RawConnection peer(m_fds[1]);
+        m_fds[1] = -1;
+        peer.write(bytes);
     }
     int m_fds[2];
 };
@@ -135,9 +149,7 @@ TEST_F(ProtocolV1OverSocket, SplitWritesPutTheSameBytesOnTheWire) {
 
 TEST_F(ProtocolV1OverSocket, ManyFramesInOneWriteArriveInOrder) {
     auto handler = std::make_shared<testing::RecordingHandler>();
-    auto info = std::make_shared<InfoClient>(7, handler);
-    info->m_fd = dup(m_fds[0]);
-    info->m_protocol.reset(new ProtocolV1(info->m_fd));
+    auto info = record(handler, 7);
 
     std::string burst;
     for (int i = 0; i < 200; ++i) {
@@ -166,14 +178,8 @@ TEST_F(ProtocolV1OverSocket, ManyFramesInOneWriteArriveInOrder) {
 
 TEST_F(ProtocolV1OverSocket, PeerClosingMidFrameReportsTheReadFailure) {
     auto handler = std::make_shared<testing::RecordingHandler>();
-    auto info = std::make_shared<InfoClient>(1, handler);
-    info->m_fd = dup(m_fds[0]);
-    info->m_protocol.reset(new ProtocolV1(info->m_fd));
-    {
-        testing::RawConnection peer(m_fds[1]);
-        peer.write(hex("02 00000005 6162"));
-        m_fds[1] = dup(m_fds[0]);  // keep TearDown's close harmless
-    }
+    auto info = record(handler);
+    peer_writes_and_closes(hex("02 00000005 6162"));
     try {
         info->m_protocol->recv_message(info);
         FAIL() << "no exception";
@@ -186,14 +192,8 @@ TEST_F(ProtocolV1OverSocket, PeerClosingMidFrameReportsTheReadFailure) {
 
 TEST_F(ProtocolV1OverSocket, UnallocatableLengthFailsCleanly) {
     auto handler = std::make_shared<testing::RecordingHandler>();
-    auto info = std::make_shared<InfoClient>(1, handler);
-    info->m_fd = dup(m_fds[0]);
-    info->m_protocol.reset(new ProtocolV1(info->m_fd));
-    {
-        testing::RawConnection peer(m_fds[1]);
-        peer.write(hex("01 ffffffff 616263"));
-        m_fds[1] = dup(m_fds[0]);
-    }
+    auto info = record(handler);
+    peer_writes_and_closes(hex("01 ffffffff 616263"));
     // Either the 4 GiB allocation is refused or the read of it fails; both
     // must surface as a socket error, never as a crash.
     EXPECT_THROW(info->m_protocol->recv_message(info), SimpleSocketException);
