@@ -72,6 +72,9 @@ TEST(Devices, UnopenableFilesGiveStatusTwo) {
     const std::string missing = b.dir.file("missing/none.json");
     expect(b.run({"psi_set", missing}), 2, b.hello(), "Failed to open \"" + missing + "\"\n");
     expect(b.run({"reset_imei", missing}), 2, b.hello(), "Failed to open \"" + missing + "\"\n");
+    const std::string dir = b.dir.path();
+    expect(b.run({"psi_set", dir}), 2, b.hello(), "Failed to open \"" + dir + "\"\n");
+    expect(b.run({"reset_imei", dir}), 2, b.hello(), "Failed to open \"" + dir + "\"\n");
 
     // psi_get asks the board before it opens its output file.
     Board fine;

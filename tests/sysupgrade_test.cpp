@@ -122,10 +122,19 @@ TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
     EXPECT_EQ(empty.out, u.hello() + "Upgrading...\nUpgrade failed\n");
     EXPECT_EQ(empty.err, "Error: Error, file is empty!\n");
 
-    const Result missing = u.run(u.dir.file("missing.zpk"));
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.out, u.hello() + "Upgrading...\nUpgrade failed\n");
-    EXPECT_EQ(missing.err, "Error: Failed to open file\n");
+    for (const std::string& path : {u.dir.file("missing.zpk"), u.dir.path()}) {
+        const Result r = u.run(path);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, u.hello() + "Upgrading...\nUpgrade failed\n");
+        EXPECT_EQ(r.err, "Error: Failed to open file\n");
+    }
+    // Larger than its 32-bit size field can say (a sparse file).
+    const std::string huge = u.dir.file("huge.zpk");
+    ASSERT_EQ(truncate(u.dir.write("huge.zpk", "x").c_str(), (4LL << 30) + 1), 0);
+    const Result big = u.run(huge);
+    EXPECT_EQ(big.status, 1);
+    EXPECT_EQ(big.err, "Error: Error, file is larger than 4 GiB!\n");
+
     EXPECT_FALSE(file_exists(kMarker));
     EXPECT_EQ(u.sim->out().find("qord-sim upgrade"), std::string::npos);
 }

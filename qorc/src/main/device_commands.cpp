@@ -1,6 +1,7 @@
 #include "device_commands.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <fstream>
@@ -13,6 +14,12 @@ namespace {
 
 const char* const kPsiReadPath = "/boot/psi";
 const char* const kPsiAmendPath = "/update/psi/amend";
+
+// A directory opens as a stream on Linux but holds no text to read.
+bool is_directory(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
 
 int open_failed(const std::string& path) {
     std::cerr << "Failed to open \"" << path << "\"" << std::endl;
@@ -67,7 +74,7 @@ int psi_get(qor::Client& client, const std::string& path) {
 
 int psi_set(qor::Client& client, const std::string& path) {
     std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open()) return open_failed(path);
+    if (!file.is_open() || is_directory(path)) return open_failed(path);
     std::string content;
     file.seekg(0, std::ios::end);
     const std::streamoff size = file.tellg();
@@ -81,7 +88,7 @@ int psi_set(qor::Client& client, const std::string& path) {
 
 int reset_imei(qor::Client& client, const std::string& path) {
     std::ifstream file(path);
-    if (!file.is_open()) return open_failed(path);
+    if (!file.is_open() || is_directory(path)) return open_failed(path);
 
     qor::client::Device device = client.get_device(0);
     qor::client::DeviceIdentities ids;

@@ -1,5 +1,6 @@
 #include "qor/sysupgrade.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cassert>
@@ -43,10 +44,19 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
     {
         std::lock_guard<std::mutex> lock(m_transferMutex);
         m_file.open(fw, std::ios::binary);
-        if (!m_file.is_open()) throw orvi::ProxyCommandException("Failed to open file");
+        // A directory opens as a stream on Linux, but it is no image.
+        struct stat st;
+        if (!m_file.is_open() || (stat(fw.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) {
+            throw orvi::ProxyCommandException("Failed to open file");
+        }
         m_file.seekg(0, std::ios::end);
-        m_length = static_cast<uint32_t>(m_file.tellg());
+        const std::streamoff size = m_file.tellg();
         m_file.seekg(0, std::ios::beg);
+        // The board is told the size in 32 bits.
+        if (size > static_cast<std::streamoff>(UINT32_MAX)) {
+            throw orvi::ProxyCommandException("Error, file is larger than 4 GiB!");
+        }
+        m_length = static_cast<uint32_t>(size);
         if (m_length == 0) throw orvi::ProxyCommandException("Error, file is empty!");
         m_lengthDone = 0;
         // Ready before the request leaves: the first NEXT may come back at once.
