@@ -21,6 +21,8 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    // A reader of our output that goes away must not take the board down.
+    signal(SIGPIPE, SIG_IGN);
     // Signals are taken by one thread with sigwait; every other thread,
     // started below, inherits the mask.
     sigset_t signals;
