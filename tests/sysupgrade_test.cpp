@@ -128,6 +128,12 @@ TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
         EXPECT_EQ(r.out, u.hello() + "Upgrading...\nUpgrade failed\n");
         EXPECT_EQ(r.err, "Error: Failed to open file\n");
     }
+    // A reboot address no transport serves stops everything up front.
+    const Result udp = u.run(u.dir.write("ok.zpk", "x"), {"--reboot-url", "udp://127.0.0.1:1"});
+    EXPECT_EQ(udp.status, 1);
+    EXPECT_EQ(udp.out, u.hello());
+    EXPECT_EQ(udp.err, "Error: Unsupported reboot url udp://127.0.0.1:1\n");
+
     // Larger than its 32-bit size field can say (a sparse file).
     const std::string huge = u.dir.file("huge.zpk");
     ASSERT_EQ(truncate(u.dir.write("huge.zpk", "x").c_str(), (4LL << 30) + 1), 0);

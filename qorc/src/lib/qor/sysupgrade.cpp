@@ -154,6 +154,12 @@ bool read_version(orvi::Protocol& protocol, std::string& version, std::string& m
 void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_config, bool no_keep,
                 int timeout, const std::string& reboot_url, const SysupgradeHandler& handler) {
     MarkerFile marker;
+    // Made now, not after the upload: an address no transport can serve
+    // must stop us before the board is flashed.
+    auto transport = std::dynamic_pointer_cast<orvi::TransportClient>(
+        orvi::detail::make_transport(orvi::detail::get_client_factory_map(), reboot_url));
+    if (!transport) throw orvi::ProxyCommandException("Unsupported reboot url " + reboot_url);
+
     _wait_system_boot_end(protocol, nullptr, 0);
 
     std::string versionBefore, magicBefore;
@@ -180,10 +186,6 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
         protocol.remove_transport(transportPtr);
     }
     upload.reset();
-
-    auto transport = std::dynamic_pointer_cast<orvi::TransportClient>(
-        orvi::detail::make_transport(orvi::detail::get_client_factory_map(), reboot_url));
-    if (!transport) throw orvi::ProxyCommandException("Unsupported reboot url " + reboot_url);
 
     handler.on_status_update(SysupgradeHandler::REBOOTING);
     sleep(5);
