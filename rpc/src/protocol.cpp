@@ -5,43 +5,14 @@
 #include <iostream>
 
 #include "header.pb.h"
-#include "orvi/spin_wait.h"
+#include "protocol_workers.h"
 
 namespace orvi {
 
 namespace {
-// Set when a proxy finishes on this thread: the worker that routed the
-// message then knows the conversation is over and parks without spinning.
-thread_local bool t_proxyFinished = false;
-
 // Destroyed at exit, after every message object of the program is gone.
 ProtoBufCleanup protoBufCleanup;
 }  // namespace
-
-ProtocolLifeHandler::~ProtocolLifeHandler() {
-    if (m_protocol) m_protocol->unregister_life_handler(this);
-}
-
-unsigned int ProtocolTransportHandler::new_client(Transport& transport) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_protocol ? m_protocol->new_client(transport) : 0;
-}
-
-void ProtocolTransportHandler::delete_client(unsigned int client_id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_protocol) m_protocol->delete_client(client_id);
-}
-
-void ProtocolTransportHandler::new_message(unsigned int client_id,
-                                           Message<BufferMutable>& message) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_protocol) m_protocol->new_message(client_id, message);
-}
-
-void ProtocolTransportHandler::clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_protocol = nullptr;
-}
 
 Protocol::Protocol(size_t workers) {
     assert(workers != 0);
@@ -176,15 +147,6 @@ void Protocol::delete_client(unsigned int id) {
     }
 }
 
-void Protocol::new_message(unsigned int id, Message<BufferMutable>& message) {
-    {
-        std::lock_guard<std::mutex> lock(m_queueMutex);
-        m_queue.push_back(ClientMessage{id, std::move(message)});
-        m_queued.store(m_queue.size(), std::memory_order_release);
-    }
-    m_queueCond.notify_one();
-}
-
 unsigned int Protocol::get_new_proxy_id() {
     std::lock_guard<std::mutex> lock(m_proxyIdMutex);
     return ++m_lastProxyId;
@@ -283,7 +245,7 @@ void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
 }
 
 void Protocol::proxy_done(ProxyInfo& info) {
-    t_proxyFinished = true;
+    note_proxy_finished();
     {
         std::lock_guard<std::mutex> state(info.state_mutex);
         info.done = true;
@@ -411,70 +373,6 @@ void Protocol::reply_no_handler(const std::shared_ptr<Transport>& transport, uns
     if (transport) {
         ++m_stats.messagesSent;
         transport->send_message(client, message);
-    }
-}
-
-std::list<Protocol::ClientMessage>::iterator Protocol::next_eligible(unsigned int index) {
-    for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
-        bool taken = false;
-        for (const WorkerInfo& w : m_workers) {
-            if (w.index != index && w.busy && w.client == it->client) {
-                taken = true;
-                break;
-            }
-        }
-        if (!taken) return it;
-    }
-    return m_queue.end();
-}
-
-void Protocol::worker(unsigned int index) {
-    std::unique_lock<std::mutex> lock(m_queueMutex);
-    // Spin only right after work: an idle engine parks at once.
-    bool spun = true;
-    while (m_running) {
-        auto it = next_eligible(index);
-        if (it == m_queue.end()) {
-            m_workers[index].busy = false;
-            m_workers[index].client = 0;
-            if (!spun && m_spinMicros > 0 && m_queue.empty()) {
-                // The next message of a conversation usually follows within
-                // a round trip: watch for it briefly before parking.
-                spun = true;
-                lock.unlock();
-                spin_until(
-                    [this] {
-                        return m_queued.load(std::memory_order_acquire) != 0 ||
-                               m_stopping.load(std::memory_order_acquire);
-                    },
-                    std::chrono::microseconds(m_spinMicros));
-                lock.lock();
-                continue;
-            }
-            spun = false;
-            m_queueCond.wait(lock);
-            continue;
-        }
-        ClientMessage item = std::move(*it);
-        m_queue.erase(it);
-        m_queued.store(m_queue.size(), std::memory_order_release);
-        m_workers[index].busy = true;
-        m_workers[index].client = item.client;
-        lock.unlock();
-        t_proxyFinished = false;
-        try {
-            process_message(item.client, item.message);
-        } catch (const std::exception& e) {
-            std::cerr << "Exception while processing message for client " << item.client << ": "
-                      << e.what() << std::endl;
-        } catch (...) {
-            std::cerr << "Unknown exception while processing message for client " << item.client
-                      << std::endl;
-        }
-        item.message = Message<BufferMutable>();
-        // Spin for the next message only while a command is still running.
-        spun = t_proxyFinished;
-        lock.lock();
     }
 }
 
