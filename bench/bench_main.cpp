@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <random>
@@ -187,6 +188,23 @@ void row(const std::string& what, const Stats& ours, const Stats& ref, double ra
               << " | " << fmt(ratio) << " | " << target << " |" << std::endl;
 }
 
+struct Pair {
+    Stats ours, ref;
+    double ratio() const { return ours.median / ref.median; }
+};
+
+// Runs the two sides of a comparison in turns, so that both see the same
+// machine at the same moment.
+Pair measure_pair(int runs, const std::function<double(int)>& ours,
+                  const std::function<double(int)>& ref) {
+    std::vector<double> a, b;
+    for (int i = 0; i < runs; ++i) {
+        a.push_back(ours(i));
+        b.push_back(ref(i));
+    }
+    return {stats_of(a), stats_of(b)};
+}
+
 int run(int argc, char** argv) {
     const int repeat = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     Work w;
@@ -200,14 +218,11 @@ int run(int argc, char** argv) {
               << std::endl;
 
     std::cerr << "upgrade throughput..." << std::endl;
-    std::vector<double> ours, ref;
-    for (int i = 0; i < repeat; ++i) {
-        ours.push_back(upgrade_once(w, image64, i).mbps);
-        ref.push_back(raw_lockstep_once(64u << 20));
-    }
-    Stats o = stats_of(ours), r = stats_of(ref);
-    row("upgrade of 64 MiB, MB/s (reference: raw 4096-byte lockstep)", o, r, o.median / r.median,
-        "≥ 0.80", 1);
+    const Pair upgrade = measure_pair(
+        repeat, [&](int i) { return upgrade_once(w, image64, i).mbps; },
+        [](int) { return raw_lockstep_once(64u << 20); });
+    row("upgrade of 64 MiB, MB/s (reference: raw 4096-byte lockstep)", upgrade.ours, upgrade.ref,
+        upgrade.ratio(), "≥ 0.80", 1);
 
     // A board that writes each piece of a frame separately and without
     // TCP_NODELAY: only quick ACKs on our side keep its writes flowing.
@@ -216,49 +231,39 @@ int run(int argc, char** argv) {
         split.push_back(upgrade_once(w, image64, 50 + i, {"--split-frames"}).mbps);
     }
     const Stats sp = stats_of(split);
-    row("the same against a board that splits its frames, MB/s", sp, r, sp.median / r.median, "—",
-        1);
+    row("the same against a board that splits its frames, MB/s", sp, upgrade.ref,
+        sp.median / upgrade.ref.median, "—", 1);
 
     std::cerr << "exit latency..." << std::endl;
     {
         SimProcess sim(w, "latency.out");
         const std::string port = std::to_string(sim.port);
-        ours.clear();
-        ref.clear();
-        for (int i = 0; i < 6 * repeat + 1; ++i) {
-            ours.push_back(wall_ms(QORC_BIN, {"--url", sim.url(), "discover"}));
-            ref.push_back(wall_ms(PROBE_BIN, {port}));
-        }
-        o = stats_of(ours);
-        r = stats_of(ref);
-        row("`qorc discover`, ms (reference: connect + handshake + exit)", o, r,
-            o.median / r.median, "≤ 1.50", 2);
+        const Pair exit = measure_pair(
+            6 * repeat + 1,
+            [&](int) {
+                return wall_ms(QORC_BIN, {"--url", sim.url(), "discover"});
+            },
+            [&](int) { return wall_ms(PROBE_BIN, {port}); });
+        row("`qorc discover`, ms (reference: connect + handshake + exit)", exit.ours, exit.ref,
+            exit.ratio(), "≤ 1.50", 2);
 
         std::cerr << "command round trip..." << std::endl;
-        ours.clear();
-        ref.clear();
-        for (int i = 0; i < repeat; ++i) {
-            ours.push_back(command_round_trip_us(sim.port, 2000));
-            ref.push_back(raw_ping_pong_us(2000));
-        }
-        o = stats_of(ours);
-        r = stats_of(ref);
-        row("`fw_config_mode` round trip, µs (reference: 1-byte TCP ping-pong)", o, r,
-            o.median / r.median, "≤ 2.00", 1);
+        const Pair trip = measure_pair(
+            repeat, [&](int) { return command_round_trip_us(sim.port, 2000); },
+            [](int) { return raw_ping_pong_us(2000); });
+        row("`fw_config_mode` round trip, µs (reference: 1-byte TCP ping-pong)", trip.ours,
+            trip.ref, trip.ratio(), "≤ 2.00", 1);
     }
 
     std::cerr << "peak memory..." << std::endl;
-    ours.clear();
-    ref.clear();
-    for (int i = 0; i < std::max(1, repeat / 2); ++i) {
-        ours.push_back(upgrade_once(w, image256, 100 + i).peakKiB / 1024.0);
-        ref.push_back(upgrade_once(w, image1, 200 + i).peakKiB / 1024.0);
-    }
-    o = stats_of(ours);
-    r = stats_of(ref);
+    const Pair memory = measure_pair(
+        std::max(1, repeat / 2),
+        [&](int i) { return upgrade_once(w, image256, 100 + i).peakKiB / 1024.0; },
+        [&](int i) { return upgrade_once(w, image1, 200 + i).peakKiB / 1024.0; });
     std::cout << "| peak RSS of `qorc sysupgrade`, MiB: 256 MiB image vs 1 MiB image | "
-              << cell(o, 2) << " | " << cell(r, 2) << " | " << signed_fmt(o.median - r.median)
-              << " MiB | ≤ +2 MiB |" << std::endl;
+              << cell(memory.ours, 2) << " | " << cell(memory.ref, 2) << " | "
+              << signed_fmt(memory.ours.median - memory.ref.median) << " MiB | ≤ +2 MiB |"
+              << std::endl;
     return 0;
 }
 

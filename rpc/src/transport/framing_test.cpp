@@ -2,8 +2,13 @@
 // orvi/frame_format.h, never produced by the code under test.
 #include "transport/framing.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -134,6 +139,49 @@ TEST_F(ProtocolV1OverSocket, SendWritesTheGoldenBytes) {
         protocol.send_message(message_of(copy));
         EXPECT_EQ(to_hex(peer.read(g.wire.size())), to_hex(g.wire)) << g.name;
     }
+}
+
+TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
+    // A blocking send stops short only when a signal interrupts it. Megabytes
+    // across several buffers, under a stream of signals, make it stop short
+    // many times; each time it must resume at the right byte of the right
+    // buffer. Patterned data makes a wrong offset visible.
+    auto pattern = [](size_t n, int seed) {
+        std::string s(n, '\0');
+        for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 31 + seed) % 251);
+        return s;
+    };
+    const std::string a = pattern(1 << 20, 1), b = pattern(2 << 20, 2),
+                      c = pattern((1 << 20) + 3, 3);
+    const std::string expected = hex("03 00100003") + c + hex("00200000") + b + hex("00100000") + a;
+
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // no SA_RESTART: the send returns early
+    struct sigaction previous {};
+    sigaction(SIGUSR1, &action, &previous);
+    std::atomic<bool> sending{true};
+    const pthread_t sender = pthread_self();
+    std::thread interrupter([&] {
+        while (sending) {
+            pthread_kill(sender, SIGUSR1);
+            usleep(50);
+        }
+    });
+    std::string received;
+    std::thread reader([&] {
+        testing::RawConnection peer(dup(m_fds[1]));
+        for (size_t done = 0; done < expected.size(); done += 8192) {
+            received += peer.read(std::min<size_t>(8192, expected.size() - done));
+        }
+    });
+    ProtocolV1 protocol(m_fds[0]);
+    protocol.send_message(message_of({a, b, c}));
+    sending = false;
+    interrupter.join();
+    reader.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    ASSERT_EQ(received.size(), expected.size());
+    EXPECT_TRUE(received == expected);
 }
 
 TEST_F(ProtocolV1OverSocket, SplitWritesPutTheSameBytesOnTheWire) {

@@ -20,27 +20,35 @@ namespace {
     throw SimpleSocketException("Failed to send data to server");
 }
 
-// Sends the whole scatter list, resuming after partial writes.
-void write_pieces(int fd, std::vector<iovec> pieces) {
-    size_t first = 0;
-    while (first < pieces.size()) {
+// Sends the whole scatter list, resuming after partial writes. The caller's
+// list is used as it is; only a partial write makes a copy of the rest.
+void write_pieces(int fd, const iovec* pieces, size_t count) {
+    std::vector<iovec> rest;
+    while (count != 0) {
         msghdr msg{};
-        msg.msg_iov = pieces.data() + first;
-        msg.msg_iovlen = pieces.size() - first;
+        msg.msg_iov = const_cast<iovec*>(pieces);
+        msg.msg_iovlen = count;
         const ssize_t r = sendmsg(fd, &msg, MSG_NOSIGNAL);
         if (r < 0) {
             if (errno == EINTR) continue;
             throw_send_failed();
         }
         size_t done = static_cast<size_t>(r);
-        while (first < pieces.size() && done >= pieces[first].iov_len) {
+        size_t first = 0;
+        while (first < count && done >= pieces[first].iov_len) {
             done -= pieces[first].iov_len;
             ++first;
         }
-        if (done != 0) {
-            pieces[first].iov_base = static_cast<char*>(pieces[first].iov_base) + done;
-            pieces[first].iov_len -= done;
+        if (first == count) return;
+        if (pieces == rest.data()) {
+            rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(first));
+        } else {
+            rest.assign(pieces + first, pieces + count);
         }
+        rest[0].iov_base = static_cast<char*>(rest[0].iov_base) + done;
+        rest[0].iov_len -= done;
+        pieces = rest.data();
+        count = rest.size();
     }
 }
 
@@ -48,7 +56,8 @@ void write_pieces(int fd, std::vector<iovec> pieces) {
 
 void write(int fd, const char* data, unsigned int size) {
     if (size == 0) return;
-    write_pieces(fd, {iovec{const_cast<char*>(data), size}});
+    const iovec piece{const_cast<char*>(data), size};
+    write_pieces(fd, &piece, 1);
 }
 
 void read(int fd, char* data, int size) {
@@ -85,10 +94,10 @@ void ProtocolV1::send_message(const Message<BufferConst>& message) {
     FrameEncoder frame(message);
     if (!m_splitWrites) {
         // One system call, no staging copy: the frame leaves as one segment.
-        write_pieces(m_fd, frame.pieces());
+        write_pieces(m_fd, frame.pieces().data(), frame.pieces().size());
         return;
     }
-    for (const iovec& piece : frame.pieces()) write_pieces(m_fd, {piece});
+    for (const iovec& piece : frame.pieces()) write_pieces(m_fd, &piece, 1);
 }
 
 void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {

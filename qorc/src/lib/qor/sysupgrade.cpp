@@ -144,9 +144,8 @@ class MarkerFile {
     ~MarkerFile() { std::remove(kSysupgradeMarkerFile); }
 };
 
-bool read_version(orvi::Protocol& protocol, std::string& version, std::string& magic) {
+void read_version(orvi::Protocol& protocol, std::string& version, std::string& magic) {
     protocol.create_command_proxy<Version>(kVersionCommand)->execute(version, magic);
-    return true;
 }
 
 }  // namespace
@@ -165,9 +164,9 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
     std::string versionBefore, magicBefore;
     bool versionOk = false;
     try {
-        versionOk = read_version(protocol, versionBefore, magicBefore);
+        read_version(protocol, versionBefore, magicBefore);
+        versionOk = true;
     } catch (...) {
-        versionOk = false;
     }
     handler.on_status_update(SysupgradeHandler::UPGRADING);
 
@@ -217,7 +216,8 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
     std::string versionAfter, magicAfter;
     bool validated = false;
     try {
-        validated = read_version(protocol, versionAfter, magicAfter);
+        read_version(protocol, versionAfter, magicAfter);
+        validated = true;
     } catch (const orvi::ProxyCommandException&) {
     } catch (const orvi::ProxyCommandNoHandler&) {
         // A board that has no version service at all is not a failure either.
