@@ -7,6 +7,12 @@
 //    (new_client, delete_client, new_message);
 //  - application threads (add/remove transports, create proxies, send,
 //    wait, destroy).
+// A peer's loss is queued behind the messages already received from it and
+// handled by a worker in that order: a peer that answers and hangs up has
+// its answer processed first. Until then the peer is "departing": its
+// messages are still routed, but it takes no new proxies and gets no
+// replies.
+//
 // Lock order: m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
 // ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
 // a proxy's mutex -> m_clientsMutex. Each field below names its lock.
@@ -33,14 +39,16 @@ namespace orvi {
 class Header;
 class Protocol;
 
-// Told when an engine goes away. The engine clears m_protocol before it calls
-// on_protocol_destroyed; a handler destroyed first unregisters itself.
+// Told when an engine goes away. The engine clears m_protocol, under its
+// life-handler lock, before it calls on_protocol_destroyed; a handler
+// destroyed first unregisters itself. A handler must not be destroyed while
+// its engine is being destroyed on another thread.
 class ProtocolLifeHandler {
   public:
     virtual ~ProtocolLifeHandler();
     virtual void on_protocol_destroyed(Protocol* protocol) = 0;
 
-    Protocol* m_protocol = nullptr;
+    std::atomic<Protocol*> m_protocol{nullptr};
 };
 
 // What a transport calls. Holds a raw back pointer to the engine that the
@@ -132,6 +140,7 @@ class Protocol {
     struct ClientMessage {
         unsigned int client;
         Message<BufferMutable> message;
+        bool lost = false;  // the peer's loss, in order behind its messages
     };
     struct WorkerInfo {
         unsigned int index = 0;
@@ -141,6 +150,11 @@ class Protocol {
     };
 
     void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
+    // A connected or departing client; requires m_clientsMutex.
+    std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr);
+    void enqueue(ClientMessage item);
+    // Tells the proxies of a departed client that it is gone; runs on a worker.
+    void client_gone(unsigned int id);
     void worker(unsigned int index);
     std::list<ClientMessage>::iterator next_eligible(unsigned int index);
     void reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
@@ -154,12 +168,17 @@ class Protocol {
     std::mutex m_transportsMutex;
     std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>>
         m_transportMap;  // m_transportsMutex
+    // Every handler given out, also those of removed transports, whose
+    // connection records may outlive this engine: all are cleared when it goes.
+    std::vector<std::weak_ptr<ProtocolTransportHandler>> m_handlersGiven;  // m_transportsMutex
 
     std::mutex m_clientIdMutex;
     unsigned int m_nextClientId = 1;  // m_clientIdMutex
 
     std::mutex m_clientsMutex;
     std::map<unsigned int, std::shared_ptr<ClientInfo>> m_clientMap;  // m_clientsMutex
+    // Lost, with their loss still queued behind their messages.
+    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_departingMap;  // m_clientsMutex
 
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;

@@ -13,6 +13,7 @@ namespace orvi {
 namespace simple_socket {
 
 class SocketReader;
+class FrameDecoder;
 class InfoClient;
 
 // Writes all bytes or throws "Failed to send data to server". Never raises
@@ -22,8 +23,10 @@ void write(int fd, const char* data, unsigned int size);
 void read(int fd, char* data, int size);
 
 // Client side of the version handshake: sends lead byte and version, expects
-// the version back. Throws "Failed to connect, socket protocol mismatch".
-void client_handshake(int fd);
+// the version back. Throws "Failed to connect, socket protocol mismatch", or
+// "Timeout occured" when no answer comes within answer_timeout_ms (-1: wait
+// for as long as it takes).
+void client_handshake(int fd, int answer_timeout_ms = -1);
 
 class ProtocolBase {
   public:
@@ -63,7 +66,10 @@ class ProtocolV1 : public ProtocolBase {
   private:
     int m_fd;
     bool m_splitWrites = false;
-    std::unique_ptr<SocketReader> m_reader;  // used by the reader thread only
+    // Used by the reader thread only. The decoder keeps a frame that a stop
+    // interrupted, so that serving again resumes at the same byte.
+    std::unique_ptr<SocketReader> m_reader;
+    std::unique_ptr<FrameDecoder> m_decoder;
 };
 
 // State of one connected socket. Always held by shared_ptr; dropping the last

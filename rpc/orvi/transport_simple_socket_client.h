@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -16,10 +17,15 @@ namespace simple_socket {
 class WakeEvent;
 }
 
-// Threading: connect, start_serve, stop_serve, disconnect and send_message
-// are called by the owner's thread(s); incoming frames are read and delivered
-// on the one reader thread that start_serve starts. Sends are whole-frame
-// atomic (the connection record serialises them).
+// Threading: connect, start_serve, stop_serve and disconnect are called by
+// the owner's thread; send_message may be called from any thread, also while
+// the owner disconnects (it then throws "TransportSocket not connected").
+// Incoming frames are read and delivered on the one reader thread that
+// start_serve starts. Sends are whole-frame atomic (the connection record
+// serialises them).
+//
+// connect(timeout) with a positive timeout bounds the whole attempt, the
+// TCP connection and the handshake answer alike, by that many seconds.
 //
 // States: idle (no socket) -> connected -> serving -> (stop_serve) connected,
 // or broken when the reader fails; disconnect() returns to idle.
@@ -50,7 +56,9 @@ class TransportSimpleSocketClient : public TransportClient {
 
   private:
     void worker(std::shared_ptr<simple_socket::InfoClient> info);
+    std::shared_ptr<simple_socket::InfoClient> socket() const;
 
+    mutable std::mutex m_socketMutex;  // guards m_socketPtr (the pointer, not the record)
     std::shared_ptr<simple_socket::InfoClient> m_socketPtr;
     std::thread m_thread;
     // Written by the owner, read by the reader thread.

@@ -1,5 +1,6 @@
 #include "orvi/protocol.h"
 
+#include <algorithm>
 #include <cassert>
 #include <climits>
 #include <iostream>
@@ -30,10 +31,18 @@ Protocol::~Protocol() {
         std::lock_guard<std::mutex> lock(m_transportsMutex);
         transports.swap(m_transportMap);
     }
+    std::vector<std::weak_ptr<ProtocolTransportHandler>> given;
+    {
+        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        given.swap(m_handlersGiven);
+    }
     // Once the handlers are cleared nothing new reaches the queue, so the
     // workers can be told to stop now and wind down while the transports'
-    // threads are joined.
-    for (auto& entry : transports) entry.second->handler->clear();
+    // threads are joined. Handlers of removed transports are cleared too:
+    // their connection records may report a lost client later.
+    for (auto& weak : given) {
+        if (auto handler = weak.lock()) handler->clear();
+    }
     m_stopping = true;
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
@@ -50,11 +59,9 @@ Protocol::~Protocol() {
     {
         std::lock_guard<std::mutex> lock(m_lifeMutex);
         handlers.swap(m_lifeHandlers);
+        for (ProtocolLifeHandler* h : handlers) h->m_protocol = nullptr;
     }
-    for (ProtocolLifeHandler* h : handlers) {
-        h->m_protocol = nullptr;
-        h->on_protocol_destroyed(this);
-    }
+    for (ProtocolLifeHandler* h : handlers) h->on_protocol_destroyed(this);
 }
 
 void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
@@ -67,6 +74,13 @@ void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
         info->handler = std::make_shared<ProtocolTransportHandler>(this);
         handler = info->handler;
         m_transportMap[transport] = info;
+        // Kept short: handlers whose records are all gone are dropped.
+        m_handlersGiven.erase(std::remove_if(m_handlersGiven.begin(), m_handlersGiven.end(),
+                                             [](const std::weak_ptr<ProtocolTransportHandler>& w) {
+                                                 return w.expired();
+                                             }),
+                              m_handlersGiven.end());
+        m_handlersGiven.push_back(handler);
     }
     transport->start_serve(handler);
 }
@@ -124,27 +138,53 @@ unsigned int Protocol::new_client(Transport& transport) {
 
 void Protocol::delete_client(unsigned int id) {
     --m_stats.clientsActive;
-    std::shared_ptr<ClientInfo> client;
-    std::unique_lock<std::mutex> clientLock;
     {
         std::lock_guard<std::mutex> lock(m_clientsMutex);
         auto it = m_clientMap.find(id);
         if (it == m_clientMap.end()) return;
-        client = it->second;
-        clientLock = std::unique_lock<std::mutex>(client->mutex);
+        // It takes no new proxies from now on, but what it sent before it
+        // went is still routed: the loss is handled behind it, by a worker.
+        m_departingMap[id] = std::move(it->second);
         m_clientMap.erase(it);
     }
-    // The client is out of the map, so nobody else can reach its proxies.
-    // They are told with no lock held: client_lost ends in proxy_done, which
-    // takes the clients lock, and holding the client's mutex across it would
-    // invert the lock order.
+    ClientMessage loss{id, Message<BufferMutable>(), true};
+    enqueue(std::move(loss));
+}
+
+void Protocol::client_gone(unsigned int id) {
+    std::shared_ptr<ClientInfo> client;
+    {
+        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        auto it = m_departingMap.find(id);
+        if (it == m_departingMap.end()) return;
+        client = std::move(it->second);
+        m_departingMap.erase(it);
+    }
+    // Out of both maps, so nobody else can reach its proxies. They are told
+    // with no lock held: client_lost ends in proxy_done, which takes the
+    // clients lock.
     std::map<unsigned int, std::shared_ptr<Proxy>> proxies;
-    proxies.swap(client->proxyMap);
-    clientLock.unlock();
+    {
+        std::lock_guard<std::mutex> lock(client->mutex);
+        proxies.swap(client->proxyMap);
+    }
     for (auto& entry : proxies) {
         --m_stats.proxiesActive;
         entry.second->client_lost("Connection lost");
     }
+}
+
+std::shared_ptr<Protocol::ClientInfo> Protocol::find_client_locked(unsigned int id,
+                                                                   bool* departing) {
+    auto it = m_clientMap.find(id);
+    if (it != m_clientMap.end()) {
+        if (departing) *departing = false;
+        return it->second;
+    }
+    auto gone = m_departingMap.find(id);
+    if (gone == m_departingMap.end()) return nullptr;
+    if (departing) *departing = true;
+    return gone->second;
 }
 
 unsigned int Protocol::get_new_proxy_id() {
@@ -254,9 +294,8 @@ void Protocol::proxy_done(ProxyInfo& info) {
     std::unique_lock<std::mutex> clientLock;
     {
         std::lock_guard<std::mutex> lock(m_clientsMutex);
-        auto it = m_clientMap.find(info.client_id);
-        if (it == m_clientMap.end()) return;
-        client = it->second;
+        client = find_client_locked(info.client_id);
+        if (!client) return;
         clientLock = std::unique_lock<std::mutex>(client->mutex);
     }
     std::shared_ptr<Proxy> leaving;
@@ -278,11 +317,12 @@ void Protocol::process_message(unsigned int id, const Message<BufferMutable>& me
     ++m_stats.messagesProcessed;
     std::shared_ptr<ClientInfo> client;
     std::unique_lock<std::mutex> clientLock;
+    bool departing = false;
     {
         std::lock_guard<std::mutex> lock(m_clientsMutex);
-        auto it = m_clientMap.find(id);
-        if (it == m_clientMap.end() || message.size() == 0) return;
-        client = it->second;
+        if (message.size() == 0) return;
+        client = find_client_locked(id, &departing);
+        if (!client) return;
         clientLock = std::unique_lock<std::mutex>(client->mutex);
     }
 
@@ -314,6 +354,8 @@ void Protocol::process_message(unsigned int id, const Message<BufferMutable>& me
         }
         return;
     }
+    // A departed peer cannot be answered.
+    if (departing) return;
     // Sent with no lock held: a send may release the connection and so
     // reach delete_client, which takes the clients lock.
     std::shared_ptr<Transport> transport = client->transport.lock();

@@ -4,7 +4,7 @@
 namespace orvi {
 
 ProtocolLifeHandler::~ProtocolLifeHandler() {
-    if (m_protocol) m_protocol->unregister_life_handler(this);
+    if (Protocol* protocol = m_protocol.load()) protocol->unregister_life_handler(this);
 }
 
 unsigned int ProtocolTransportHandler::new_client(Transport& transport) {

@@ -19,9 +19,13 @@ void note_proxy_finished() {
 }
 
 void Protocol::new_message(unsigned int id, Message<BufferMutable>& message) {
+    enqueue(ClientMessage{id, std::move(message)});
+}
+
+void Protocol::enqueue(ClientMessage item) {
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
-        m_queue.push_back(ClientMessage{id, std::move(message)});
+        m_queue.push_back(std::move(item));
         m_queued.store(m_queue.size(), std::memory_order_release);
     }
     m_queueCond.notify_one();
@@ -76,7 +80,11 @@ void Protocol::worker(unsigned int index) {
         lock.unlock();
         t_proxyFinished = false;
         try {
-            process_message(item.client, item.message);
+            if (item.lost) {
+                client_gone(item.client);
+            } else {
+                process_message(item.client, item.message);
+            }
         } catch (const std::exception& e) {
             std::cerr << "Exception while processing message for client " << item.client << ": "
                       << e.what() << std::endl;

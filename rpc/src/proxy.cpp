@@ -77,13 +77,20 @@ void ProxyCommandClient::new_message(const_iterator first, const_iterator last) 
     if (first == last) return;
     CommandHeader header;
     if (!parse_command_header(header, *first)) return;
-    if (header.status() == CommandHeader::DONE) {
-        set_done();
-    } else if (header.status() == CommandHeader::EXCEPTION) {
-        set_remote_exception(header.message());
-    }
-    // Data riding on DONE or EXCEPTION is processed after the waiter was
-    // released; callers must not rely on it.
+    // The data riding on a DONE or EXCEPTION is processed before the waiter
+    // is released, so that wait() returns with the whole answer in place.
+    // The end is signalled even when processing throws.
+    struct EndAfterProcessing {
+        ProxyCommandClient& self;
+        const CommandHeader& header;
+        ~EndAfterProcessing() {
+            if (header.status() == CommandHeader::DONE) {
+                self.set_done();
+            } else if (header.status() == CommandHeader::EXCEPTION) {
+                self.set_remote_exception(header.message());
+            }
+        }
+    } end{*this, header};
     for (auto it = first + 1; it != last; ++it) {
         process_message(it->data, static_cast<unsigned int>(it->size));
     }

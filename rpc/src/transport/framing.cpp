@@ -1,5 +1,6 @@
 #include "transport/framing.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -50,28 +51,60 @@ std::shared_ptr<char[]> allocate(uint32_t size) {
 
 }  // namespace
 
-bool read_frame(ByteSource& source, Message<BufferMutable>& out) {
-    unsigned char count = 0;
-    source.read_exact(reinterpret_cast<char*>(&count), kCountSize);
-    if (count == 0) return false;
-
-    Message<BufferMutable> message(count);
-    for (size_t i = 0; i < count; ++i) {
-        unsigned char length[kLengthSize];
-        source.read_exact(reinterpret_cast<char*>(length), kLengthSize);
-        const uint32_t size = get_be32(length);
-        BufferMutable buffer(allocate(size), size);
-        source.read_exact(buffer.data, size);
-        message[i] = std::move(buffer);
+bool FrameDecoder::read(ByteSource& source, Message<BufferMutable>& out) {
+    for (;;) {
+        switch (m_stage) {
+            case Stage::kCount:
+                source.fill(reinterpret_cast<char*>(&m_count), kCountSize, m_filled);
+                m_filled = 0;
+                if (m_count == 0) return false;
+                m_message = Message<BufferMutable>(m_count);
+                m_index = 0;
+                m_stage = Stage::kLength;
+                break;
+            case Stage::kLength: {
+                source.fill(reinterpret_cast<char*>(m_length), kLengthSize, m_filled);
+                m_filled = 0;
+                const uint32_t size = get_be32(m_length);
+                m_message[m_index] = BufferMutable(allocate(size), size);
+                m_stage = Stage::kData;
+                break;
+            }
+            case Stage::kData: {
+                BufferMutable& buffer = m_message[m_index];
+                source.fill(buffer.data, buffer.size, m_filled);
+                m_filled = 0;
+                if (++m_index < m_count) {
+                    m_stage = Stage::kLength;
+                    break;
+                }
+                out = std::move(m_message);
+                reset();
+                return true;
+            }
+        }
     }
-    out = std::move(message);
-    return true;
 }
 
-void MemorySource::read_exact(char* dst, size_t n) {
-    if (n > remaining()) throw SimpleSocketException("Failed to read data from server: Success");
-    if (n != 0) std::memcpy(dst, m_bytes.data() + m_pos, n);
-    m_pos += n;
+void FrameDecoder::reset() {
+    m_stage = Stage::kCount;
+    m_filled = 0;
+    m_index = 0;
+    m_message = Message<BufferMutable>();
+}
+
+bool read_frame(ByteSource& source, Message<BufferMutable>& out) {
+    FrameDecoder decoder;
+    return decoder.read(source, out);
+}
+
+void MemorySource::fill(char* dst, size_t n, size_t& filled) {
+    const size_t want = n - filled;
+    const size_t take = std::min(want, remaining());
+    if (take != 0) std::memcpy(dst + filled, m_bytes.data() + m_pos, take);
+    m_pos += take;
+    filled += take;
+    if (take < want) throw SimpleSocketException("Failed to read data from server: Success");
 }
 
 }  // namespace simple_socket

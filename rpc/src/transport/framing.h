@@ -35,14 +35,45 @@ class FrameEncoder {
 class ByteSource {
   public:
     virtual ~ByteSource() = default;
+    // Fills dst[filled, n), advancing `filled` as bytes arrive. On a throw,
+    // `filled` says how far it got, so that the caller can resume.
+    virtual void fill(char* dst, size_t n, size_t& filled) = 0;
     // Fills exactly n bytes or throws.
-    virtual void read_exact(char* dst, size_t n) = 0;
+    void read_exact(char* dst, size_t n) {
+        size_t filled = 0;
+        fill(dst, n, filled);
+    }
 };
 
-// Reads one frame. Returns false for a frame whose count is 0: it carries
-// nothing and is not to be delivered. Each buffer gets one allocation of
-// exactly its announced size; a size that cannot be allocated throws
-// SimpleSocketException.
+// Reads frames one after the other. The decoder keeps its progress across a
+// read that throws part-way (a reader stopped in the middle of a frame), so
+// that the next call goes on from the same byte and the stream never slips
+// out of step. A failure of the stream itself leaves the decoder useless,
+// like the connection.
+class FrameDecoder {
+  public:
+    // True with a whole frame in `out`; false for a frame whose count is 0,
+    // which carries nothing and is not to be delivered. Each buffer gets one
+    // allocation of exactly its announced size; a size that cannot be
+    // allocated throws SimpleSocketException.
+    bool read(ByteSource& source, Message<BufferMutable>& out);
+    // True while a frame has been started and not finished.
+    bool in_frame() const { return m_stage != Stage::kCount || m_filled != 0; }
+
+  private:
+    enum class Stage { kCount, kLength, kData };
+    void reset();
+
+    Stage m_stage = Stage::kCount;
+    unsigned char m_count = 0;
+    size_t m_index = 0;
+    unsigned char m_length[4] = {0, 0, 0, 0};
+    size_t m_filled = 0;  // bytes of the current field already read
+    Message<BufferMutable> m_message;
+};
+
+// Reads one frame with a decoder of its own (for sources that end with the
+// frame, such as bytes in memory).
 bool read_frame(ByteSource& source, Message<BufferMutable>& out);
 
 // A ByteSource over bytes in memory; throws SimpleSocketException when asked
@@ -50,7 +81,7 @@ bool read_frame(ByteSource& source, Message<BufferMutable>& out);
 class MemorySource : public ByteSource {
   public:
     explicit MemorySource(std::string bytes) : m_bytes(std::move(bytes)) {}
-    void read_exact(char* dst, size_t n) override;
+    void fill(char* dst, size_t n, size_t& filled) override;
     size_t remaining() const { return m_bytes.size() - m_pos; }
 
   private:

@@ -1,5 +1,6 @@
 #include "orvi/simple_socket.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -75,10 +76,18 @@ void read(int fd, char* data, int size) {
     }
 }
 
-void client_handshake(int fd) {
+void client_handshake(int fd, int answer_timeout_ms) {
     // One write: the same two bytes on the wire, without waiting on Nagle.
     const char hello[2] = {static_cast<char>(kHandshakeLead), static_cast<char>(kProtocolVersion)};
     write(fd, hello, sizeof hello);
+    if (answer_timeout_ms >= 0) {
+        pollfd pfd{fd, POLLIN, 0};
+        int r;
+        do {
+            r = poll(&pfd, 1, answer_timeout_ms);
+        } while (r < 0 && errno == EINTR);
+        if (r == 0) throw SimpleSocketException("Timeout occured");
+    }
     char answer = 0;
     read(fd, &answer, 1);
     if (static_cast<unsigned char>(answer) != kProtocolVersion) {
@@ -86,7 +95,8 @@ void client_handshake(int fd) {
     }
 }
 
-ProtocolV1::ProtocolV1(int fd) : m_fd(fd), m_reader(new SocketReader(fd)) {}
+ProtocolV1::ProtocolV1(int fd)
+    : m_fd(fd), m_reader(new SocketReader(fd)), m_decoder(new FrameDecoder()) {}
 
 ProtocolV1::~ProtocolV1() = default;
 
@@ -102,7 +112,7 @@ void ProtocolV1::send_message(const Message<BufferConst>& message) {
 
 void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {
     Message<BufferMutable> message;
-    if (!read_frame(*m_reader, message)) return;
+    if (!m_decoder->read(*m_reader, message)) return;
     info->m_handler->new_message(info->m_id, message);
 }
 

@@ -66,7 +66,16 @@ TransportSimpleSocketClient::TransportSimpleSocketClient(const Url& url)
 TransportSimpleSocketClient::~TransportSimpleSocketClient() {
     stop_serve();
     m_handler.reset();
-    m_socketPtr.reset();
+    std::shared_ptr<simple_socket::InfoClient> last;
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        last.swap(m_socketPtr);
+    }
+}
+
+std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::socket() const {
+    std::lock_guard<std::mutex> lock(m_socketMutex);
+    return m_socketPtr;
 }
 
 void TransportSimpleSocketClient::write(int fd, const char* data, unsigned int size) {
@@ -78,7 +87,7 @@ void TransportSimpleSocketClient::read(int fd, char* data, unsigned int size) {
 }
 
 void TransportSimpleSocketClient::connect(int timeout) {
-    assert(!m_socketPtr);
+    assert(!socket());
     auto info = std::make_shared<simple_socket::InfoClient>(0, nullptr);
 
     addrinfo hints{};
@@ -100,7 +109,7 @@ void TransportSimpleSocketClient::connect(int timeout) {
     const long long budget = static_cast<long long>(timeout) * 1000000LL;
 
     for (addrinfo* a = remote.list; a != nullptr; a = a->ai_next) {
-        info->m_fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+        info->m_fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
         if (info->m_fd < 0) throw SimpleSocketException("Failed to create socket");
         set_nonblocking(info->m_fd, true);
         if (!m_bind.empty()) bind_local(info->m_fd, m_bind, *a);
@@ -139,10 +148,18 @@ void TransportSimpleSocketClient::connect(int timeout) {
         const int one = 1;
         setsockopt(info->m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 
-        simple_socket::client_handshake(info->m_fd);
+        // The answer is part of the attempt: a peer that accepts but never
+        // answers is bounded by the same budget.
+        const long long answerLeft = budget - elapsed_us(start);
+        if (timeout > 0 && answerLeft <= 0) throw SimpleSocketException("Timeout occured");
+        simple_socket::client_handshake(
+            info->m_fd, timeout > 0 ? static_cast<int>((answerLeft + 999) / 1000) : -1);
         info->m_protocol.reset(new simple_socket::ProtocolV1(info->m_fd));
         info->m_protocol->set_quick_ack(true);
-        m_socketPtr = info;
+        {
+            std::lock_guard<std::mutex> lock(m_socketMutex);
+            m_socketPtr = info;
+        }
 
         if (auto handler = m_handler.lock()) start_serve(handler);
         return;
@@ -151,16 +168,17 @@ void TransportSimpleSocketClient::connect(int timeout) {
 }
 
 void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHandler>& handler) {
-    assert(m_socketPtr);
+    std::shared_ptr<simple_socket::InfoClient> info = socket();
+    assert(info);
     m_handler = handler;
-    m_socketPtr->m_id = handler->new_client(*this);
-    m_socketPtr->m_handler = handler;
+    info->m_id = handler->new_client(*this);
+    info->m_handler = handler;
 
     if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
     m_wake->reset();
-    m_socketPtr->m_protocol->set_wake_fd(m_wake->fd());
+    info->m_protocol->set_wake_fd(m_wake->fd());
     m_running = true;
-    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, m_socketPtr);
+    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info));
 }
 
 void TransportSimpleSocketClient::stop_serve() {
@@ -172,12 +190,20 @@ void TransportSimpleSocketClient::stop_serve() {
 
 void TransportSimpleSocketClient::disconnect() {
     stop_serve();
-    m_socketPtr.reset();
+    std::shared_ptr<simple_socket::InfoClient> last;
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        last.swap(m_socketPtr);
+    }
+    // Released here, with no lock held: the record's destructor reports the
+    // lost client to the handler. A send in progress on another thread keeps
+    // the record alive until it returns.
 }
 
 void TransportSimpleSocketClient::send_message(const Message<BufferConst>& message) {
-    if (!m_socketPtr) throw SimpleSocketException("TransportSocket not connected");
-    m_socketPtr->send(message);
+    std::shared_ptr<simple_socket::InfoClient> info = socket();
+    if (!info) throw SimpleSocketException("TransportSocket not connected");
+    info->send(message);
 }
 
 void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info) {

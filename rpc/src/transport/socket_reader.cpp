@@ -69,25 +69,26 @@ size_t SocketReader::read_some(char* dst, size_t n) {
     }
 }
 
-void SocketReader::read_exact(char* dst, size_t n) {
-    const size_t take = std::min(n, buffered());
+void SocketReader::fill(char* dst, size_t n, size_t& filled) {
+    const size_t take = std::min(n - filled, buffered());
     if (take != 0) {
-        std::memcpy(dst, m_buffer.get() + m_begin, take);
+        std::memcpy(dst + filled, m_buffer.get() + m_begin, take);
         m_begin += take;
-        dst += take;
-        n -= take;
+        filled += take;
     }
-    while (n >= kBufferSize) {
-        const size_t got = read_some(dst, n);
-        dst += got;
-        n -= got;
-    }
-    if (n == 0) return;
+    // Large blocks go straight to their destination. read_some throws before
+    // it has taken anything, so `filled` is always exact.
+    while (n - filled >= kBufferSize) filled += read_some(dst + filled, n - filled);
+    if (filled == n) return;
+    // The buffer is empty here. Bytes read into it survive an interruption
+    // and are handed out by the next call.
     if (!m_buffer) m_buffer.reset(new char[kBufferSize]);
     m_begin = m_end = 0;
-    while (m_end < n) m_end += read_some(m_buffer.get() + m_end, kBufferSize - m_end);
-    std::memcpy(dst, m_buffer.get(), n);
-    m_begin = n;
+    const size_t want = n - filled;
+    while (m_end < want) m_end += read_some(m_buffer.get() + m_end, kBufferSize - m_end);
+    std::memcpy(dst + filled, m_buffer.get(), want);
+    m_begin = want;
+    filled = n;
 }
 
 bool SocketReader::at_end_of_stream() {

@@ -44,7 +44,7 @@ class SocketReader : public ByteSource {
     // delayed ACK.
     void set_quick_ack(bool on) { m_quickAck = on; }
 
-    void read_exact(char* dst, size_t n) override;
+    void fill(char* dst, size_t n, size_t& filled) override;
     // Bytes already read from the socket and not yet consumed.
     size_t buffered() const { return m_end - m_begin; }
     // True when the peer has closed and nothing is left to read. Blocks until
