@@ -6,7 +6,6 @@
 #include <cctype>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 
 namespace qorc {
 
@@ -21,9 +20,38 @@ bool is_directory(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-int open_failed(const std::string& path) {
-    std::cerr << "Failed to open \"" << path << "\"" << std::endl;
+int file_failed(const char* what, const std::string& path) {
+    std::cerr << "Failed " << what << " \"" << path << "\"" << std::endl;
     return 2;
+}
+
+int open_failed(const std::string& path) {
+    return file_failed("to open", path);
+}
+
+// Device 0, or "device not found" when the board does not know it (or
+// reports it lost): a board's answer never reaches the handle's assertion.
+qor::client::Device found_device(qor::Client& client) {
+    qor::client::Device device = client.get_device(0);
+    if (!device.valid()) {
+        throw qor::client::DeviceException(qor::protobuf::device::status::DEVICE_NOT_FOUND);
+    }
+    return device;
+}
+
+// Reads what is left of the stream; false on a read error (as opposed to
+// the end of the file). Pipes work too.
+bool read_rest(std::ifstream& file, std::string& out) {
+    char chunk[64 * 1024];
+    try {
+        for (;;) {
+            const std::streamsize n = file.rdbuf()->sgetn(chunk, sizeof chunk);
+            if (n <= 0) return true;
+            out.append(chunk, static_cast<size_t>(n));
+        }
+    } catch (const std::exception&) {
+        return false;  // the stream buffer reports read errors by throwing
+    }
 }
 
 void trim(std::string& s) {
@@ -52,14 +80,14 @@ int fw_config_mode(qor::Client& client) {
 }
 
 int activate_talvex(qor::Client& client, const std::string& passcode) {
-    client.get_device(0).activate_talvex(passcode);
+    found_device(client).activate_talvex(passcode);
     return 0;
 }
 
 int psi_get(qor::Client& client, const std::string& path) {
     std::string json;
     {
-        qor::client::Device device = client.get_device(0);
+        qor::client::Device device = found_device(client);
         device.psi_get(kPsiReadPath, json);
     }
     if (path.empty()) {
@@ -69,6 +97,9 @@ int psi_get(qor::Client& client, const std::string& path) {
     std::ofstream file(path, std::ios::out | std::ios::trunc);
     if (!file.is_open()) return open_failed(path);
     file << json << '\n';
+    // A full disk shows only when the last bytes are flushed.
+    file.close();
+    if (file.fail()) return file_failed("to write", path);
     return 0;
 }
 
@@ -80,9 +111,9 @@ int psi_set(qor::Client& client, const std::string& path) {
     const std::streamoff size = file.tellg();
     if (size > 0) content.reserve(static_cast<size_t>(size));
     file.seekg(0, std::ios::beg);
-    content.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    if (!read_rest(file, content)) return file_failed("to read", path);
 
-    client.get_device(0).psi_set(kPsiAmendPath, content);
+    found_device(client).psi_set(kPsiAmendPath, content);
     return 0;
 }
 
@@ -90,7 +121,7 @@ int reset_imei(qor::Client& client, const std::string& path) {
     std::ifstream file(path);
     if (!file.is_open() || is_directory(path)) return open_failed(path);
 
-    qor::client::Device device = client.get_device(0);
+    qor::client::Device device = found_device(client);
     qor::client::DeviceIdentities ids;
     device.get_identities(ids);
     std::cout << "device identities:\n\tMAC: " << ids.mac << "\n\tIMEI: " << ids.imei
@@ -107,6 +138,8 @@ int reset_imei(qor::Client& client, const std::string& path) {
             if (c == '-') c = ':';
         }
         std::getline(file, passcode);
+        // A read error is not the end of the file: stop instead of looping.
+        if (file.bad()) return file_failed("to read", path);
         trim(passcode);
         if (strcasecmp(key.c_str(), ids.mac.c_str()) == 0) {
             device.reset_imei(passcode);

@@ -4,6 +4,7 @@
 #include "arguments.h"
 #include "device_commands.h"
 #include "qor/client.h"
+#include "signals.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ int dispatch(qor::Client& client, const qorc::Arguments& a, const std::string& u
 }  // namespace
 
 int main(int argc, char** argv) {
+    qorc::ignore_sigpipe();
     qorc::Arguments args;
     const int status = qorc::parse_arguments(argc, argv, args);
     if (status >= 0) return status;

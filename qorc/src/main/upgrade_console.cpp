@@ -5,6 +5,7 @@
 #include "arguments.h"
 #include "device_commands.h"
 #include "orvi/url.h"
+#include "signals.h"
 
 namespace qorc {
 
@@ -25,10 +26,12 @@ void SysupgradeLogHandler::on_status_update(Status status) const {
     // "Rebooting..." stays open for the dots that follow.
     if (status != REBOOTING) std::cout << '\n';
     std::cout << std::flush;
+    set_console_line_open(status == REBOOTING);
 }
 
 void SysupgradeLogHandler::log(const std::string& text) const {
     std::cout << text << std::flush;
+    if (!text.empty()) set_console_line_open(text.back() != '\n');
 }
 
 void SysupgradeLogHandler::progression(float percent) const {
@@ -36,11 +39,13 @@ void SysupgradeLogHandler::progression(float percent) const {
     if (n == m_lastProgress) return;
     m_lastProgress = n;
     std::cout << "\r" << n << " % " << std::flush;
+    set_console_line_open(true);
 }
 
 void SysupgradeLogHandler::on_connect_retry(unsigned int count) const {
     m_lastProgress = static_cast<int>(count);
     std::cout << "." << std::flush;
+    set_console_line_open(true);
 }
 
 int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
@@ -52,6 +57,7 @@ int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, boo
     orvi::serialize_url(reboot_url, url);
 
     SysupgradeLogHandler handler;
+    UpgradeSignalGuard signals;
     client.sysupgrade(fw, keep_config, no_keep, timeout, reboot_url, handler);
     return 0;
 }

@@ -11,15 +11,6 @@ namespace client {
 
 namespace pb = qor::protobuf;
 
-// Answers are parsed without checking the result: whatever could be read,
-// defaults included, is taken.
-template <class Answer>
-Answer parse_answer(const char* data, unsigned int size) {
-    Answer answer;
-    answer.ParseFromArray(data, static_cast<int>(size));
-    return answer;
-}
-
 const std::string& Echo::execute(const std::string& payload) {
     send_message(payload.data(), static_cast<unsigned int>(payload.size()));
     wait();

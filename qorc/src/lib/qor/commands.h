@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <string>
 
 #include "orvi/protocol.h"
@@ -83,6 +84,18 @@ class Version : public orvi::ProxyCommandClient {
   protected:
     void process_message(const char* data, unsigned int size) override;
 };
+
+// Parses one answer body. The result is not checked: whatever could be read,
+// defaults included, is taken. A body too large for the parser is taken as
+// empty rather than handed to it.
+template <class Answer>
+Answer parse_answer(const char* data, unsigned int size) {
+    Answer answer;
+    if (size <= static_cast<unsigned int>(INT_MAX)) {
+        answer.ParseFromArray(data, static_cast<int>(size));
+    }
+    return answer;
+}
 
 // Serialises `request` and sends it as the command's body.
 template <class Request>

@@ -1,11 +1,11 @@
 #include "qor/sysupgrade.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cassert>
-#include <cstdio>
-#include <ctime>
+#include <chrono>
 #include <iostream>
 
 #include "orvi/transport_registry.h"
@@ -91,16 +91,15 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
 }
 
 void Sysupgrade::process_message(const char* data, unsigned int size) {
-    pb::Answer answer;
-    answer.ParseFromArray(data, static_cast<int>(size));
+    const auto answer = parse_answer<pb::Answer>(data, size);
 
     if (answer.type() == pb::Answer::NEXT) {
         std::lock_guard<std::mutex> lock(m_transferMutex);
-        if (m_finished) return;
-        // clang-format off
-        assert((m_length-m_lengthDone) > 0);
-        // clang-format on
-        m_file.read(m_buffer.get(), std::min<uint32_t>(m_length, kSysupgradeChunkSize));
+        // A NEXT after the whole image has been sent asks for nothing.
+        if (m_finished || m_lengthDone >= m_length) return;
+        // Never more than announced, even from a file that grows meanwhile.
+        m_file.read(m_buffer.get(),
+                    std::min<uint32_t>(m_length - m_lengthDone, kSysupgradeChunkSize));
         const auto chunk = static_cast<uint32_t>(m_file.gcount());
         m_lengthDone += chunk;
         send_message(m_buffer.get(), chunk);
@@ -122,26 +121,27 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
     }
 }
 
-unsigned int reconnect_pause(long elapsed) {
-    if (elapsed <= 0) return 1;
-    return 0;
-}
-
 namespace {
 
-// Holds our pid in the marker file and removes the file on every way out.
+// Holds our pid in the marker file and, on every way out, removes the file
+// if it still holds our pid: another upgrade from this host keeps its own.
+// The file is opened only as a regular file and never through a link.
 class MarkerFile {
   public:
     MarkerFile() {
-        std::FILE* f = std::fopen(kSysupgradeMarkerFile, "w");
-        if (f == nullptr) {
+        const int fd = open(kSysupgradeMarkerFile,
+                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+        struct stat st;
+        if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ftruncate(fd, 0) != 0) {
+            if (fd >= 0) close(fd);
             std::cerr << "Warning, failed to create file " << kSysupgradeMarkerFile << std::endl;
             return;
         }
-        std::fprintf(f, "%d", static_cast<int>(getpid()));
-        std::fclose(f);
+        const std::string pid = std::to_string(getpid());
+        [[maybe_unused]] ssize_t written = ::write(fd, pid.data(), pid.size());
+        close(fd);
     }
-    ~MarkerFile() { std::remove(kSysupgradeMarkerFile); }
+    ~MarkerFile() { remove_sysupgrade_marker_if_ours(); }
 };
 
 void read_version(orvi::Protocol& protocol, std::string& version, std::string& magic) {
@@ -149,6 +149,33 @@ void read_version(orvi::Protocol& protocol, std::string& version, std::string& m
 }
 
 }  // namespace
+
+void remove_sysupgrade_marker_if_ours() {
+    // Only async-signal-safe calls from here on: this also runs in a
+    // signal handler.
+    char ours[16];
+    size_t n = 0;
+    for (unsigned long pid = static_cast<unsigned long>(getpid()); n == 0 || pid != 0; pid /= 10) {
+        ours[n++] = static_cast<char>('0' + pid % 10);
+    }
+    for (size_t i = 0; i < n / 2; ++i) {
+        const char c = ours[i];
+        ours[i] = ours[n - 1 - i];
+        ours[n - 1 - i] = c;
+    }
+    const int fd = open(kSysupgradeMarkerFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return;
+    char held[sizeof ours + 1];
+    struct stat st;
+    const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    const ssize_t got = regular ? ::read(fd, held, sizeof held) : -1;
+    close(fd);
+    if (got != static_cast<ssize_t>(n)) return;
+    for (size_t i = 0; i < n; ++i) {
+        if (held[i] != ours[i]) return;
+    }
+    unlink(kSysupgradeMarkerFile);
+}
 
 void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_config, bool no_keep,
                 int timeout, const std::string& reboot_url, const SysupgradeHandler& handler) {
@@ -189,19 +216,19 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
     handler.on_status_update(SysupgradeHandler::REBOOTING);
     sleep(5);
 
+    // One attempt a second, each bounded by that second (the connection and
+    // the handshake answer), so that the time-out counts seconds of waiting.
     int remaining = timeout;
-    time_t last = time(nullptr);
     for (;;) {
         remaining -= 1;
         if (remaining <= 0) break;
+        const auto attempt = std::chrono::steady_clock::now();
         try {
             transport->connect(1);
             break;
         } catch (const std::exception&) {
             handler.on_connect_retry(static_cast<unsigned int>(timeout - remaining));
-            const time_t now = time(nullptr);
-            sleep(reconnect_pause(static_cast<long>(now - last)));
-            last = now;
+            std::this_thread::sleep_until(attempt + std::chrono::seconds(1));
         }
     }
     if (remaining == 0) {

@@ -59,13 +59,15 @@ void _wait_system_boot_end(orvi::Protocol& protocol, const SysupgradeHandler* ha
                            int first_count);
 
 // The whole upgrade; throws orvi::ProxyCommandException on failure. Holds the
-// marker file with our pid from start to end, whatever the outcome.
+// marker file with our pid from start to end, whatever the outcome. After the
+// reboot it tries to reconnect once a second for `timeout` seconds.
 void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_config, bool no_keep,
                 int timeout, const std::string& reboot_url, const SysupgradeHandler& handler);
 
-// Seconds to pause after a failed reconnection attempt, given the seconds
-// since the previous one: 1 after a quick failure, never more than 1.
-unsigned int reconnect_pause(long elapsed);
+// Removes the marker file if it holds this process's pid; leaves a file of
+// another upgrade, a link or anything but a regular file alone.
+// Async-signal-safe, so that a signal handler may call it.
+void remove_sysupgrade_marker_if_ours();
 
 }  // namespace client
 }  // namespace qor

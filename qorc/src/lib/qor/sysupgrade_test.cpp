@@ -87,14 +87,6 @@ TEST(UpgradeProcedure, EmptyOrMissingImageFailsBeforeTheBoardIsAsked) {
                   SysupgradeHandler::UPGRADING, SysupgradeHandler::UPGRADE_FAILED}));
 }
 
-TEST(UpgradeProcedure, ReconnectPauseNeverExceedsOneSecond) {
-    EXPECT_EQ(reconnect_pause(0), 1u);  // a quick failure
-    EXPECT_EQ(reconnect_pause(1), 0u);  // a one-second attempt
-    EXPECT_EQ(reconnect_pause(2), 0u);  // two second boundaries passed
-    EXPECT_EQ(reconnect_pause(90), 0u);
-    EXPECT_EQ(reconnect_pause(-3), 1u);  // the clock stepped back
-}
-
 }  // namespace
 }  // namespace client
 }  // namespace qor

@@ -25,8 +25,7 @@ Device DeviceGet::execute(unsigned int device_id) {
 }
 
 void DeviceGet::process_message(const char* data, unsigned int size) {
-    pb::get::Answer answer;
-    answer.ParseFromArray(data, static_cast<int>(size));
+    const auto answer = parse_answer<pb::get::Answer>(data, size);
     found = answer.status() == qor::protobuf::device::status::DEVICE_OK;
 }
 
@@ -42,8 +41,7 @@ void DeviceIdentitiesGet::execute(unsigned int device_id, DeviceIdentities& out)
 void DeviceIdentitiesGet::process_message(const char* data, unsigned int size) {
     DeviceIdentities* out = identities;
     if (out == nullptr) return;
-    pb::identities_get::Answer answer;
-    answer.ParseFromArray(data, static_cast<int>(size));
+    const auto answer = parse_answer<pb::identities_get::Answer>(data, size);
     out->mac = answer.mac();
     out->imei = answer.imei();
     out->serial = answer.serial();
@@ -62,8 +60,7 @@ void DevicePsiGet::execute(unsigned int device_id, const std::string& path, std:
 void DevicePsiGet::process_message(const char* data, unsigned int size) {
     std::string* out = json;
     if (out == nullptr) return;
-    pb::psi_get::Answer answer;
-    answer.ParseFromArray(data, static_cast<int>(size));
+    const auto answer = parse_answer<pb::psi_get::Answer>(data, size);
     *out = answer.json();
 }
 
