@@ -1,5 +1,5 @@
-// qorc sysupgrade end to end. These tests share the marker file
-// /tmp/qor_sysupgrade and never run in parallel with each other.
+// qorc sysupgrade end to end, against qord-sim. The binary has a /tmp of its
+// own, so the marker file /tmp/qor_sysupgrade is never shared.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "harness.h"
+#include "testing/private_tmp.h"
 
 namespace e2e {
 namespace {
@@ -64,6 +65,7 @@ struct Upgrade {
 const std::string kFlashing = "\nVerifying image\nWriting image to flash\n";
 
 TEST(Sysupgrade, FullSuccessHoldsTheMarkerAndDeliversTheImage) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u;
     const std::string bytes = image(5017, "9.9.9");
     const std::string path = u.dir.write("fw.zpk", bytes);
@@ -97,6 +99,7 @@ TEST(Sysupgrade, FullSuccessHoldsTheMarkerAndDeliversTheImage) {
 }
 
 TEST(Sysupgrade, RebootToAnotherAddressWithDotsWhileBooting) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--reboot-listen", "127.0.0.2", "--boot-time-ms", "6500"});
     const std::string bytes = image(4096);
     const std::string path = u.dir.write("fw.zpk", bytes);
@@ -116,6 +119,7 @@ TEST(Sysupgrade, RebootToAnotherAddressWithDotsWhileBooting) {
 }
 
 TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u;
     const Result empty = u.run(u.dir.write("empty.zpk", ""));
     EXPECT_EQ(empty.status, 1);
@@ -146,6 +150,7 @@ TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
 }
 
 TEST(Sysupgrade, RefusalBeforeTheLastChunk) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--refuse-chunk", "2"});
     const Result r = u.run(u.dir.write("fw.zpk", image(3 * 4096)));
     EXPECT_EQ(r.status, 1);
@@ -155,6 +160,7 @@ TEST(Sysupgrade, RefusalBeforeTheLastChunk) {
 }
 
 TEST(Sysupgrade, DropAfterTheLastChunkIsTakenAsTheReboot) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--drop-after-last-chunk"});
     const std::string bytes = image(4097, "5.0");
     const Result r = u.run(u.dir.write("fw.zpk", bytes));
@@ -167,6 +173,7 @@ TEST(Sysupgrade, DropAfterTheLastChunkIsTakenAsTheReboot) {
 }
 
 TEST(Sysupgrade, BoardThatNeverReturns) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--never-return"});
     const Result r = u.run(u.dir.write("fw.zpk", image(10)), {"-t", "3"});
     EXPECT_EQ(r.status, 1);
@@ -177,6 +184,7 @@ TEST(Sysupgrade, BoardThatNeverReturns) {
 }
 
 TEST(Sysupgrade, BoardWithoutVersionService) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--no-version"});
     const Result r = u.run(u.dir.write("fw.zpk", image(1)));
     EXPECT_EQ(r.status, 0);
@@ -188,6 +196,7 @@ TEST(Sysupgrade, BoardWithoutVersionService) {
 }
 
 TEST(Sysupgrade, BoardWithOnlyTheBlockingBootEnd) {
+    REQUIRE_PRIVATE_TMP();
     Upgrade u({"--only-wait-boot-end", "--boot-time-ms", "6500"});
     const Result r = u.run(u.dir.write("fw.zpk", image(100, "7.1")));
     EXPECT_EQ(r.status, 0);
@@ -200,6 +209,7 @@ TEST(Sysupgrade, BoardWithOnlyTheBlockingBootEnd) {
 }
 
 TEST(Sysupgrade, PercentagesAroundChunkBoundaries) {
+    REQUIRE_PRIVATE_TMP();
     // One board each, run side by side: each upgrade waits five seconds for
     // the reboot.
     const std::vector<size_t> sizes = {1, 4095, 4096, 4097, 8191, 8192, 8193, 409600 + 1};

@@ -7,6 +7,7 @@
 #include "orvi/transport_simple_socket_client.h"
 #include "qor/protobuf/system_boot_end.pb.h"
 #include "qor/testing/fake_board.h"
+#include "testing/private_tmp.h"
 
 namespace qor {
 namespace client {
@@ -65,6 +66,7 @@ TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
 }
 
 TEST(UpgradeProcedure, EmptyOrMissingImageFailsBeforeTheBoardIsAsked) {
+    REQUIRE_PRIVATE_TMP();
     testing::FakeBoard board;
     board.on("system_boot_end", [](Handler& h, const std::string&) {
         qor::protobuf::system_boot_end::Answer a;
