@@ -144,10 +144,8 @@ TEST(Devices, UnknownDeviceFailsEveryDeviceSubCommand) {
     Board b({}, R"({"devices": [{"id": 5}]})");
     const std::string passcodes = b.dir.write("codes", kMac + " 1234\n");
     const std::string psi = b.dir.write("psi.json", "{}");
-    for (const auto& args : std::vector<std::vector<std::string>>{{"psi_get"},
-                                                                  {"psi_set", psi},
-                                                                  {"reset_imei", passcodes},
-                                                                  {"activate", "1234"}}) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"psi_get"}, {"psi_set", psi}, {"reset_imei", passcodes}, {"activate", "1234"}}) {
         expect(b.run(args), 1, b.hello(), "Error: device not found\n");
     }
 }

@@ -128,10 +128,14 @@ Result run_qorc(const std::vector<std::string>& args, int timeoutMs) {
         binary = "/usr/bin/unshare";
         argv.insert(argv.begin(), {"--net", QORC_BIN});
     }
+    return run_command(binary, argv, timeoutMs);
+}
+
+Result run_command(const std::string& binary, const std::vector<std::string>& args, int timeoutMs) {
     TempDir dir;
     Result r;
     {
-        Process p(binary, argv, dir.file("out"), dir.file("err"));
+        Process p(binary, args, dir.file("out"), dir.file("err"));
         r.status = p.wait(timeoutMs);
     }
     r.out = read_file(dir.file("out"));

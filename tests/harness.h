@@ -52,6 +52,10 @@ class Process {
 const char* qorc_binary();
 const char* qord_sim_binary();
 
+// Any program, to completion, with its output collected.
+Result run_command(const std::string& binary, const std::vector<std::string>& args,
+                   int timeoutMs = 60000);
+
 // qorc with the given arguments, to completion. Without --url or -u it
 // runs in an empty network namespace of its own.
 Result run_qorc(const std::vector<std::string>& args, int timeoutMs = 60000);

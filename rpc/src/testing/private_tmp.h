@@ -15,8 +15,8 @@ bool has_private_tmp();
 }  // namespace orvi
 
 // Skips the current test when /tmp is shared with the rest of the host.
-#define REQUIRE_PRIVATE_TMP()                                                        \
-    do {                                                                             \
-        if (!::orvi::testing::has_private_tmp())                                     \
+#define REQUIRE_PRIVATE_TMP()                                                     \
+    do {                                                                          \
+        if (!::orvi::testing::has_private_tmp())                                  \
             GTEST_SKIP() << "needs a private /tmp (root, for a mount namespace)"; \
     } while (0)

@@ -36,8 +36,14 @@ void reexec_in_private_tmp(int argc, char** argv) {
     self[n] = '\0';
     setenv(kEnv, "1", 1);
     std::vector<const char*> args = {
-        "unshare", "--mount", "--propagation", "private", "/bin/sh", "-c",
-        "mount -t tmpfs -o mode=1777,size=1g tmpfs /tmp && exec \"$0\" \"$@\"", self};
+        "unshare",
+        "--mount",
+        "--propagation",
+        "private",
+        "/bin/sh",
+        "-c",
+        "mount -t tmpfs -o mode=1777,size=1g tmpfs /tmp && exec \"$0\" \"$@\"",
+        self};
     for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
     args.push_back(nullptr);
     execv("/usr/bin/unshare", const_cast<char* const*>(args.data()));
