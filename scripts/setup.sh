@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev
   nlohmann-json3-dev
   clang-format
+  clang libclang-rt-14-dev
 )
 
 missing=()

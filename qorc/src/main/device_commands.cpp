@@ -1,11 +1,11 @@
 #include "device_commands.h"
 
-#include <strings.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <fstream>
 #include <iostream>
+
+#include "passcode_file.h"
 
 namespace qorc {
 
@@ -52,15 +52,6 @@ bool read_rest(std::ifstream& file, std::string& out) {
     } catch (const std::exception&) {
         return false;  // the stream buffer reports read errors by throwing
     }
-}
-
-void trim(std::string& s) {
-    size_t end = s.size();
-    while (end > 0 && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
-    s.erase(end);
-    size_t begin = 0;
-    while (begin < s.size() && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
-    s.erase(0, begin);
 }
 
 }  // namespace
@@ -127,24 +118,15 @@ int reset_imei(qor::Client& client, const std::string& path) {
     std::cout << "device identities:\n\tMAC: " << ids.mac << "\n\tIMEI: " << ids.imei
               << "\n\tSERIAL: " << ids.serial << std::endl;
 
-    // Records are "<MAC> <passcode>" lines; '-' and ':' both separate the MAC.
-    // A failed read keeps the previous passcode: after a final newline, one
-    // more pass sees an empty key with the last record's passcode.
     std::string passcode;
-    while (!file.eof()) {
-        std::string key;
-        file >> key;
-        for (char& c : key) {
-            if (c == '-') c = ':';
-        }
-        std::getline(file, passcode);
-        // A read error is not the end of the file: stop instead of looping.
-        if (file.bad()) return file_failed("to read", path);
-        trim(passcode);
-        if (strcasecmp(key.c_str(), ids.mac.c_str()) == 0) {
+    switch (find_passcode(file, ids.mac, passcode)) {
+        case PasscodeLookup::kFound:
             device.reset_imei(passcode);
             return 0;
-        }
+        case PasscodeLookup::kReadError:
+            return file_failed("to read", path);
+        case PasscodeLookup::kNotFound:
+            break;
     }
     std::cerr << "No passcode found for this device (" << ids.mac << ")" << std::endl;
     return 1;
