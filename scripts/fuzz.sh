@@ -23,7 +23,7 @@ for t in "${targets[@]}"; do
   "$dir/fuzz/${t}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
     -max_len=65536 -print_final_stats=1 -artifact_prefix="$dir/artifacts/${t}-" \
     "$work" "fuzz/corpus/$t" >"$dir/$t.log" 2>&1 || status=$?
-  grep -E '^(#[0-9]+.*DONE|stat::number_of_executed_units|stat::peak_rss_mb)' "$dir/$t.log" || true
+  grep -aE '^(#[0-9]+.*DONE|stat::number_of_executed_units|stat::peak_rss_mb)' "$dir/$t.log" || true
   if [ "$status" -ne 0 ]; then
     tail -n 60 "$dir/$t.log"
     echo "fuzz $t failed (status $status)"

@@ -2,13 +2,18 @@
 
 #include <unistd.h>
 
+#include <atomic>
+
 #include "qor/sysupgrade.h"
 
 namespace qorc {
 
 namespace {
 
-volatile sig_atomic_t g_lineOpen = 0;
+// Written by the console on the worker and the application thread, read in
+// the handler: a lock-free atomic is safe in both places.
+std::atomic<bool> g_lineOpen{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "read in a signal handler");
 
 extern "C" void on_interrupt(int sig) {
     // Async-signal-safe calls only.
@@ -27,7 +32,7 @@ void ignore_sigpipe() {
 }
 
 void set_console_line_open(bool open) {
-    g_lineOpen = open ? 1 : 0;
+    g_lineOpen = open;
 }
 
 UpgradeSignalGuard::UpgradeSignalGuard() {
