@@ -130,7 +130,7 @@ class MarkerFile {
   public:
     MarkerFile() {
         const int fd = open(kSysupgradeMarkerFile,
-                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
         struct stat st;
         if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ftruncate(fd, 0) != 0) {
             if (fd >= 0) close(fd);
