@@ -186,7 +186,7 @@ HostileBoard::HostileBoard(Script script) : m_script(std::move(script)) {
 HostileBoard::~HostileBoard() {
     m_running = false;
     m_thread.join();
-    stop_listening();
+    close(m_listenFd);
 }
 
 void HostileBoard::stop_listening() {
