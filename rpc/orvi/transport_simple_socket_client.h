@@ -57,6 +57,11 @@ class TransportSimpleSocketClient : public TransportClient {
   private:
     void worker(std::shared_ptr<simple_socket::InfoClient> info);
     std::shared_ptr<simple_socket::InfoClient> socket() const;
+    // Empties m_socketPtr and hands the record out, to be released with no
+    // lock held: its destructor reports the lost client to the handler. A
+    // send in progress on another thread keeps the record alive until it
+    // returns.
+    std::shared_ptr<simple_socket::InfoClient> take_socket();
 
     mutable std::mutex m_socketMutex;  // guards m_socketPtr (the pointer, not the record)
     std::shared_ptr<simple_socket::InfoClient> m_socketPtr;

@@ -27,13 +27,10 @@ Protocol::Protocol(size_t workers) {
 
 Protocol::~Protocol() {
     std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> transports;
-    {
-        std::lock_guard<std::mutex> lock(m_transportsMutex);
-        transports.swap(m_transportMap);
-    }
     std::vector<std::weak_ptr<ProtocolTransportHandler>> given;
     {
         std::lock_guard<std::mutex> lock(m_transportsMutex);
+        transports.swap(m_transportMap);
         given.swap(m_handlersGiven);
     }
     // Once the handlers are cleared nothing new reaches the queue, so the

@@ -57,8 +57,6 @@ class FrameDecoder {
     // allocation of exactly its announced size; a size that cannot be
     // allocated throws SimpleSocketException.
     bool read(ByteSource& source, Message<BufferMutable>& out);
-    // True while a frame has been started and not finished.
-    bool in_frame() const { return m_stage != Stage::kCount || m_filled != 0; }
 
   private:
     enum class Stage { kCount, kLength, kData };

@@ -66,16 +66,17 @@ TransportSimpleSocketClient::TransportSimpleSocketClient(const Url& url)
 TransportSimpleSocketClient::~TransportSimpleSocketClient() {
     stop_serve();
     m_handler.reset();
-    std::shared_ptr<simple_socket::InfoClient> last;
-    {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
-        last.swap(m_socketPtr);
-    }
+    take_socket();
 }
 
 std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::socket() const {
     std::lock_guard<std::mutex> lock(m_socketMutex);
     return m_socketPtr;
+}
+
+std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::take_socket() {
+    std::lock_guard<std::mutex> lock(m_socketMutex);
+    return std::move(m_socketPtr);
 }
 
 void TransportSimpleSocketClient::write(int fd, const char* data, unsigned int size) {
@@ -190,14 +191,7 @@ void TransportSimpleSocketClient::stop_serve() {
 
 void TransportSimpleSocketClient::disconnect() {
     stop_serve();
-    std::shared_ptr<simple_socket::InfoClient> last;
-    {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
-        last.swap(m_socketPtr);
-    }
-    // Released here, with no lock held: the record's destructor reports the
-    // lost client to the handler. A send in progress on another thread keeps
-    // the record alive until it returns.
+    take_socket();
 }
 
 void TransportSimpleSocketClient::send_message(const Message<BufferConst>& message) {
