@@ -25,8 +25,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "orvi/exceptions.h"
@@ -73,6 +75,11 @@ class Protocol {
         std::weak_ptr<Transport> transport;
         std::mutex mutex;
         std::map<unsigned int, std::shared_ptr<Proxy>> proxyMap;  // guarded by mutex
+        // (remote id, local id) of every proxy in proxyMap whose peer is
+        // known, so that an opening message finds its proxy without a scan.
+        std::set<std::pair<unsigned int, unsigned int>> byRemote;  // guarded by mutex
+        size_t handlers = 0;      // handler proxies in proxyMap; guarded by mutex
+        bool capLogged = false;  // guarded by mutex
     };
 
     // Starts `workers` threads; 0 is a programming error.
@@ -125,6 +132,12 @@ class Protocol {
     // before the first message arrives.
     void set_worker_spin(std::chrono::microseconds spin) { m_spinMicros = spin.count(); }
 
+    // Commands a peer may have open here at once. The opening message of one
+    // more is answered as undeliverable (NO_HANDLER), so a peer that opens
+    // commands and never finishes them cannot exhaust memory.
+    void set_max_handlers_per_client(size_t n) { m_maxHandlersPerClient = n; }
+    static constexpr size_t kDefaultMaxHandlersPerClient = 1024;
+
     struct Stats {
         std::atomic<unsigned> transportsAdded{0}, transportsActive{0};
         std::atomic<unsigned> clientsCreated{0}, clientsActive{0};
@@ -150,6 +163,10 @@ class Protocol {
     };
 
     void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
+    // Records the peer of a proxy that has just learnt it; requires client.mutex.
+    static void learn_remote(ClientInfo& client, ProxyInfo& info, unsigned int remote_id);
+    // Takes a proxy out of its client's maps; requires client.mutex.
+    std::shared_ptr<Proxy> take_proxy(ClientInfo& client, unsigned int local_id);
     // A connected or departing client; requires m_clientsMutex.
     std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr);
     void enqueue(ClientMessage item);
@@ -185,6 +202,7 @@ class Protocol {
     std::list<ClientMessage> m_queue;  // m_queueMutex
     std::atomic<size_t> m_queued{0};   // m_queue.size(), for workers that spin before parking
     std::atomic<long> m_spinMicros{0};
+    std::atomic<size_t> m_maxHandlersPerClient{kDefaultMaxHandlersPerClient};
     std::atomic<bool> m_stopping{false};  // lets a spinning worker see the end at once
     bool m_running = true;                // m_queueMutex
     std::vector<WorkerInfo> m_workers;    // busy/client: m_queueMutex

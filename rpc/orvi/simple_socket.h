@@ -62,6 +62,8 @@ class ProtocolV1 : public ProtocolBase {
     bool at_end_of_stream();
     // Raw bytes through the same buffer, for the server's handshake.
     void read_exact(char* dst, size_t n);
+    // See SocketReader::set_wait_limit_ms.
+    void set_wait_limit_ms(int ms);
 
   private:
     int m_fd;

@@ -27,7 +27,10 @@ class WakeEvent;
 //
 // Bad input from a client (wrong handshake, broken frame, a client that
 // vanishes mid-frame) drops that client with one line on standard error; the
-// others go on.
+// others go on. Limits keep a daemon alive under load: a connection that does
+// not finish its handshake in time is dropped, connections beyond the cap are
+// closed at once, and a failing accept (out of descriptors) backs off instead
+// of spinning. A reader thread is joined as soon as its client is gone.
 class TransportSimpleSocketServer : public Transport {
   public:
     TransportSimpleSocketServer(const std::string& host, const std::string& port);
@@ -45,6 +48,15 @@ class TransportSimpleSocketServer : public Transport {
     void set_nodelay(bool on) { m_nodelay = on; }
     // Each piece of a frame in a write of its own; see ProtocolBase.
     void set_split_writes(bool on) { m_splitWrites = on; }
+    // How long a new connection may take to send its two handshake bytes.
+    void set_handshake_timeout_ms(int ms) { m_handshakeTimeoutMs = ms; }
+    // Connections open at once, handshakes under way included; more are
+    // closed as soon as they are accepted.
+    void set_max_clients(size_t n) { m_maxClients = n; }
+    static constexpr int kDefaultHandshakeTimeoutMs = 5000;
+    static constexpr size_t kDefaultMaxClients = 256;
+    // Pause after an accept that failed for want of resources.
+    static constexpr int kAcceptBackoffMs = 100;
 
     void start_serve(const std::shared_ptr<TransportHandler>& handler) override;
     // Closes the listener and every client, joins every thread; returns
@@ -63,6 +75,11 @@ class TransportSimpleSocketServer : public Transport {
     };
 
     void accept_loop();
+    // Starts a reader for a new connection, or closes it when at the cap.
+    void admit(int fd);
+    // After a failed accept: logs the first failure of a run, and backs off
+    // when retrying at once would only fail again.
+    void accept_failed(int error);
     void serve_client(int fd, Reader* self);
     bool handshake(simple_socket::ProtocolV1& protocol, int fd);
     void reap_finished_readers();
@@ -71,11 +88,21 @@ class TransportSimpleSocketServer : public Transport {
     std::string m_port;
     unsigned short m_localPort = 0;
     int m_listenFd = -1;
+    // Settings: set before start_serve, read-only afterwards.
     unsigned char m_handshakeAnswer = 1;
     bool m_nodelay = false;
     bool m_splitWrites = false;
+    int m_handshakeTimeoutMs = kDefaultHandshakeTimeoutMs;
+    size_t m_maxClients = kDefaultMaxClients;
     std::weak_ptr<TransportHandler> m_handler;
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
+    // Signalled by a reader thread as it ends, so that the accept thread
+    // joins it without waiting for the next connection.
+    std::unique_ptr<simple_socket::WakeEvent> m_readerDone;
+    // Accept thread only: whether the current run of failures or refusals
+    // has been logged already.
+    bool m_acceptFailureLogged = false;
+    bool m_capLogged = false;
     std::atomic<bool> m_running{false};
     std::thread m_acceptThread;
 

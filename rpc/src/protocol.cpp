@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <cassert>
 #include <climits>
-#include <iostream>
+#include <string>
 
 #include "header.pb.h"
+#include "orvi/log_line.h"
 #include "protocol_workers.h"
 
 namespace orvi {
@@ -164,6 +165,8 @@ void Protocol::client_gone(unsigned int id) {
     {
         std::lock_guard<std::mutex> lock(client->mutex);
         proxies.swap(client->proxyMap);
+        client->byRemote.clear();
+        client->handlers = 0;
     }
     for (auto& entry : proxies) {
         --m_stats.proxiesActive;
@@ -228,7 +231,7 @@ void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char
     const size_t n = m_clientMap.size();
     if (n != 1) {
         const std::string text = "clientMap.size() == " + std::to_string(n);
-        std::cerr << (n == 0 ? "Error: " : "Warning: ") << text << std::endl;
+        log_error((n == 0 ? "Error: " : "Warning: ") + text);
         if (n == 0) throw ProtocolException(text);
     }
     ClientInfo& client = *m_clientMap.begin()->second;
@@ -295,15 +298,30 @@ void Protocol::proxy_done(ProxyInfo& info) {
         if (!client) return;
         clientLock = std::unique_lock<std::mutex>(client->mutex);
     }
-    std::shared_ptr<Proxy> leaving;
-    auto it = client->proxyMap.find(info.local_id);
-    if (it != client->proxyMap.end()) {
-        leaving = std::move(it->second);
-        client->proxyMap.erase(it);
-        --m_stats.proxiesActive;
-    }
+    std::shared_ptr<Proxy> leaving = take_proxy(*client, info.local_id);
     clientLock.unlock();
     // `leaving` may be the last owner; it goes after the lock is released.
+}
+
+std::shared_ptr<Proxy> Protocol::take_proxy(ClientInfo& client, unsigned int local_id) {
+    auto it = client.proxyMap.find(local_id);
+    if (it == client.proxyMap.end()) return nullptr;
+    std::shared_ptr<Proxy> proxy = std::move(it->second);
+    client.proxyMap.erase(it);
+    --m_stats.proxiesActive;
+    ProxyInfo& info = *proxy->info();
+    if (info.kind == ProxyInfo::HANDLER) --client.handlers;
+    std::lock_guard<std::mutex> state(info.state_mutex);
+    if (info.remote_known) client.byRemote.erase({info.remote_id, local_id});
+    return proxy;
+}
+
+void Protocol::learn_remote(ClientInfo& client, ProxyInfo& info, unsigned int remote_id) {
+    std::lock_guard<std::mutex> state(info.state_mutex);
+    if (info.remote_known) return;
+    info.remote_id = remote_id;
+    info.remote_known = true;
+    client.byRemote.insert({remote_id, info.local_id});
 }
 
 void Protocol::forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message) {
@@ -331,14 +349,8 @@ void Protocol::process_message(unsigned int id, const Message<BufferMutable>& me
     if (header.message_type() == Header::COMMAND) {
         std::shared_ptr<Proxy> proxy = command_message(*client, header);
         if (proxy) {
+            learn_remote(*client, *proxy->info(), header.proxy_source());
             clientLock.unlock();
-            {
-                std::lock_guard<std::mutex> state(proxy->info()->state_mutex);
-                if (!proxy->info()->remote_known) {
-                    proxy->info()->remote_id = header.proxy_source();
-                    proxy->info()->remote_known = true;
-                }
-            }
             forward_message_to_proxy(*proxy, message);
             return;
         }
@@ -367,18 +379,27 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
         ++m_stats.messagesNoHandler;
         return nullptr;
     }
-    // A repeated opening message from the same remote proxy.
-    for (auto& entry : client.proxyMap) {
-        const ProxyInfo& info = *entry.second->info();
-        std::lock_guard<std::mutex> state(entry.second->info()->state_mutex);
-        if (info.remote_known && info.remote_id == header.proxy_source()) return entry.second;
+    // A repeated opening message from the same remote proxy; the lowest
+    // local id wins when several share that peer.
+    auto known = client.byRemote.lower_bound({header.proxy_source(), 0});
+    if (known != client.byRemote.end() && known->first == header.proxy_source()) {
+        return client.proxyMap.at(known->second);
     }
 
     std::lock_guard<std::mutex> commands(m_commandsMutex);
     auto factory = m_commandMap.find(header.name());
     if (factory == m_commandMap.end()) {
-        std::cerr << client.id << ": there is no command handler for \"" << header.name() << "\""
-                  << std::endl;
+        log_error(std::to_string(client.id) + ": there is no command handler for \"" +
+                  header.name() + "\"");
+        ++m_stats.messagesNoHandler;
+        return nullptr;
+    }
+    if (client.handlers >= m_maxHandlersPerClient.load()) {
+        if (!client.capLogged) {
+            client.capLogged = true;
+            log_error(std::to_string(client.id) + ": refusing \"" + header.name() + "\": " +
+                      std::to_string(client.handlers) + " commands are open, the most allowed");
+        }
         ++m_stats.messagesNoHandler;
         return nullptr;
     }
@@ -394,6 +415,8 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     info->remote_id = header.proxy_source();
     proxy->attach(info);
     client.proxyMap[id] = proxy;
+    client.byRemote.insert({info->remote_id, id});
+    ++client.handlers;
     ++m_stats.proxiesCreated;
     ++m_stats.proxiesActive;
     return proxy;

@@ -1,7 +1,8 @@
 // The engine's worker pool: the incoming queue and the loop that routes it,
 // one message of a client at a time.
-#include <iostream>
+#include <string>
 
+#include "orvi/log_line.h"
 #include "orvi/protocol.h"
 #include "orvi/spin_wait.h"
 #include "protocol_workers.h"
@@ -86,11 +87,11 @@ void Protocol::worker(unsigned int index) {
                 process_message(item.client, item.message);
             }
         } catch (const std::exception& e) {
-            std::cerr << "Exception while processing message for client " << item.client << ": "
-                      << e.what() << std::endl;
+            log_error("Exception while processing message for client " +
+                      std::to_string(item.client) + ": " + e.what());
         } catch (...) {
-            std::cerr << "Unknown exception while processing message for client " << item.client
-                      << std::endl;
+            log_error("Unknown exception while processing message for client " +
+                      std::to_string(item.client));
         }
         item.message = Message<BufferMutable>();
         // Spin for the next message only while a command is still running.

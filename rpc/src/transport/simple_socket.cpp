@@ -136,6 +136,10 @@ void ProtocolV1::read_exact(char* dst, size_t n) {
     m_reader->read_exact(dst, n);
 }
 
+void ProtocolV1::set_wait_limit_ms(int ms) {
+    m_reader->set_wait_limit_ms(ms);
+}
+
 InfoClient::InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler)
     : m_id(id), m_handler(handler) {}
 

@@ -9,8 +9,9 @@
 
 #include <cassert>
 #include <cerrno>
-#include <iostream>
+#include <string>
 
+#include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "transport/socket_reader.h"
 
@@ -225,9 +226,9 @@ void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClie
     } catch (const simple_socket::ReadInterrupted&) {
         return;
     } catch (const std::exception& e) {
-        std::cerr << "Worker got exception: " << e.what() << std::endl;
+        log_error(std::string("Worker got exception: ") + e.what());
     } catch (...) {
-        std::cerr << "Worker got unknown exception" << std::endl;
+        log_error("Worker got unknown exception");
     }
     m_running = false;
     info->m_handler->delete_client(info->m_id);

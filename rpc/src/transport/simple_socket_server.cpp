@@ -6,9 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <iostream>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <system_error>
 
 #include "orvi/frame_format.h"
+#include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_server.h"
 #include "transport/socket_reader.h"
 
@@ -16,7 +20,10 @@ namespace orvi {
 
 TransportSimpleSocketServer::TransportSimpleSocketServer(const std::string& host,
                                                          const std::string& port)
-    : m_host(host), m_port(port), m_wake(new simple_socket::WakeEvent()) {}
+    : m_host(host),
+      m_port(port),
+      m_wake(new simple_socket::WakeEvent()),
+      m_readerDone(new simple_socket::WakeEvent()) {}
 
 TransportSimpleSocketServer::~TransportSimpleSocketServer() {
     stop_serve();
@@ -105,31 +112,75 @@ void TransportSimpleSocketServer::disconnect_client(unsigned int client_id) {
 }
 
 void TransportSimpleSocketServer::reap_finished_readers() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (auto it = m_readers.begin(); it != m_readers.end();) {
-        if (it->finished) {
-            it->thread.join();
-            it = m_readers.erase(it);
-        } else {
-            ++it;
+    std::list<Reader> finished;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto it = m_readers.begin(); it != m_readers.end();) {
+            auto next = std::next(it);
+            if (it->finished) finished.splice(finished.end(), m_readers, it);
+            it = next;
         }
     }
+    // Joined with no lock held; each has finished or is about to return.
+    for (Reader& r : finished) r.thread.join();
 }
 
 void TransportSimpleSocketServer::accept_loop() {
-    pollfd fds[2] = {{m_listenFd, POLLIN, 0}, {m_wake->fd(), POLLIN, 0}};
+    pollfd fds[3] = {
+        {m_listenFd, POLLIN, 0}, {m_wake->fd(), POLLIN, 0}, {m_readerDone->fd(), POLLIN, 0}};
     while (m_running) {
-        const int r = poll(fds, 2, -1);
-        if (r < 0) continue;
+        if (poll(fds, 3, -1) < 0) continue;
         if (fds[1].revents & POLLIN) return;
+        if (fds[2].revents & POLLIN) {
+            m_readerDone->reset();
+            reap_finished_readers();
+        }
         if (!(fds[0].revents & POLLIN)) continue;
         const int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
-        reap_finished_readers();
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_readers.emplace_back();
-        Reader* reader = &m_readers.back();
+        if (fd < 0) {
+            accept_failed(errno);
+            continue;
+        }
+        m_acceptFailureLogged = false;
+        admit(fd);
+    }
+}
+
+void TransportSimpleSocketServer::accept_failed(int error) {
+    // The connection may have gone before we took it; nothing to wait for.
+    if (error == EINTR || error == EAGAIN || error == ECONNABORTED || error == EPROTO) return;
+    if (!m_acceptFailureLogged) {
+        m_acceptFailureLogged = true;
+        log_error(std::string("Cannot accept connections: ") + strerror(error) +
+                  "; retrying every " + std::to_string(kAcceptBackoffMs) + " ms");
+    }
+    // The waiting connection stays queued, so the listener stays readable:
+    // wait for a stop, for a client to leave (freeing a descriptor), or for
+    // the pause to pass.
+    pollfd fds[2] = {{m_wake->fd(), POLLIN, 0}, {m_readerDone->fd(), POLLIN, 0}};
+    poll(fds, 2, kAcceptBackoffMs);
+}
+
+void TransportSimpleSocketServer::admit(int fd) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_readers.size() >= m_maxClients) {
+        close(fd);
+        if (!m_capLogged) {
+            m_capLogged = true;
+            log_error("Refusing new connections: " + std::to_string(m_maxClients) +
+                      " connections are open, the most allowed");
+        }
+        return;
+    }
+    m_capLogged = false;
+    m_readers.emplace_back();
+    Reader* reader = &m_readers.back();
+    try {
         reader->thread = std::thread(&TransportSimpleSocketServer::serve_client, this, fd, reader);
+    } catch (const std::system_error& e) {
+        m_readers.pop_back();
+        close(fd);
+        log_error(std::string("Refusing a connection: cannot start its thread: ") + e.what());
     }
 }
 
@@ -142,8 +193,7 @@ bool TransportSimpleSocketServer::handshake(simple_socket::ProtocolV1& protocol,
         static_cast<char>(supported ? m_handshakeAnswer : simple_socket::kProtocolVersion);
     simple_socket::write(fd, &answer, 1);
     if (!supported) {
-        std::cerr << "Dropping a client that speaks protocol version " << int(hello[1])
-                  << std::endl;
+        log_error("Dropping a client that speaks protocol version " + std::to_string(hello[1]));
     }
     return supported && m_handshakeAnswer == simple_socket::kProtocolVersion;
 }
@@ -160,7 +210,10 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
 
     unsigned int id = 0;
     try {
-        if (handshake(*protocol, fd)) {
+        protocol->set_wait_limit_ms(m_handshakeTimeoutMs);
+        const bool greeted = handshake(*protocol, fd);
+        protocol->set_wait_limit_ms(-1);
+        if (greeted) {
             auto handler = m_handler.lock();
             if (handler && m_running) {
                 id = handler->new_client(*this);
@@ -176,9 +229,10 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
     } catch (const simple_socket::ReadInterrupted&) {
         // stop_serve: the records are dropped there.
     } catch (const std::exception& e) {
-        std::cerr << "Dropping client " << id << ": " << e.what() << std::endl;
+        log_error(id == 0 ? std::string("Dropping a connection before its handshake: ") + e.what()
+                          : "Dropping client " + std::to_string(id) + ": " + e.what());
     } catch (...) {
-        std::cerr << "Dropping client " << id << ": unknown error" << std::endl;
+        log_error("Dropping client " + std::to_string(id) + ": unknown error");
     }
     if (m_running) {
         {
@@ -191,6 +245,7 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
     }
     info.reset();
     self->finished = true;
+    m_readerDone->signal();
 }
 
 }  // namespace orvi

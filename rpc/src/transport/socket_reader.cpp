@@ -40,8 +40,12 @@ void SocketReader::wait_readable() {
     pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
     const nfds_t n = m_wakeFd >= 0 ? 2 : 1;
     for (;;) {
-        const int r = poll(fds, n, -1);
+        const int r = poll(fds, n, m_waitLimitMs);
         if (r < 0 && errno == EINTR) continue;
+        if (r == 0) {
+            throw SimpleSocketException("nothing received within " +
+                                        std::to_string(m_waitLimitMs) + " ms");
+        }
         if (n == 2 && (fds[1].revents & POLLIN)) throw ReadInterrupted{};
         return;  // readable, error or hang-up: the read that follows tells which
     }

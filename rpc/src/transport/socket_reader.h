@@ -43,6 +43,9 @@ class SocketReader : public ByteSource {
     // writes a frame in pieces without TCP_NODELAY is not held up by our
     // delayed ACK.
     void set_quick_ack(bool on) { m_quickAck = on; }
+    // Longest wait for the next bytes, after which a read throws
+    // SimpleSocketException; -1 (the default) waits for as long as it takes.
+    void set_wait_limit_ms(int ms) { m_waitLimitMs = ms; }
 
     void fill(char* dst, size_t n, size_t& filled) override;
     // Bytes already read from the socket and not yet consumed.
@@ -60,6 +63,7 @@ class SocketReader : public ByteSource {
     int m_fd;
     int m_wakeFd = -1;
     bool m_quickAck = false;
+    int m_waitLimitMs = -1;
     std::unique_ptr<char[]> m_buffer;
     size_t m_begin = 0;
     size_t m_end = 0;
