@@ -306,6 +306,34 @@ TEST(EngineBytes, RepeatedOpeningReachesTheSameHandler) {
     EXPECT_EQ(server.protocol->stats().proxiesCreated, 1u);
 }
 
+TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
+    ServerEngine server;
+    server.protocol->set_max_handlers_per_client(3);
+    auto c = raw_client(server);
+    auto answer_of = [&](const std::string& name, char source) {
+        c->write(raw_opening(name, source, "x"));
+        const auto frame = read_raw_frame(*c);
+        return frame.size() == 3 ? frame[2] : to_hex(frame.at(0));
+    };
+    EXPECT_EQ(answer_of("count", 1), "1");
+    EXPECT_EQ(answer_of("count", 2), "1");
+    EXPECT_EQ(answer_of("echo", 3), "x");  // finishes, so its place is free again
+    read_raw_frame(*c);                    // its DONE
+    EXPECT_EQ(answer_of("count", 4), "1");
+
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(answer_of("count", 5), to_hex(hex("0801 2005")));
+    EXPECT_EQ(answer_of("echo", 6), to_hex(hex("0801 2006")));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "1: refusing \"count\": 3 commands are open, the most allowed\n");
+    // The open ones still work, and the cap is per peer.
+    EXPECT_EQ(answer_of("count", 2), "2");
+    auto other = raw_client(server);
+    other->write(raw_opening("count", 1, "x"));
+    EXPECT_EQ(read_raw_frame(*other).at(2), "1");
+    EXPECT_EQ(server.protocol->stats().proxiesActive, 4u);
+}
+
 TEST(EngineScheduling, OneClientInOrderOthersInParallel) {
     {
         std::lock_guard<std::mutex> lock(g_spansMutex);

@@ -1,8 +1,12 @@
 // The server transport against raw-socket clients.
 #include "orvi/transport_simple_socket_server.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
+
 #include <chrono>
+#include <functional>
+#include <thread>
 
 #include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
@@ -19,7 +23,9 @@ struct Server {
         std::make_shared<TransportSimpleSocketServer>("127.0.0.1", "0");
     std::shared_ptr<testing::RecordingHandler> handler =
         std::make_shared<testing::RecordingHandler>();
-    Server() {
+    // `configure` runs before serving starts, as the settings require.
+    explicit Server(const std::function<void(TransportSimpleSocketServer&)>& configure = {}) {
+        if (configure) configure(*transport);
         transport->listen();
         transport->start_serve(handler);
     }
@@ -129,6 +135,84 @@ TEST(ServerTransport, StopClosesEverythingPromptly) {
     EXPECT_TRUE(silent.wait_closed());
     EXPECT_EQ(s.handler->deleted().size(), 2u);
     EXPECT_THROW(RawConnection::connect_to(s.transport->local_port()), std::runtime_error);
+}
+
+size_t thread_count() {
+    size_t n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
+bool wait_for(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
+    Server s([](TransportSimpleSocketServer& t) { t.set_handshake_timeout_ms(100); });
+    ::testing::internal::CaptureStderr();
+    RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
+    RawConnection halfHello(RawConnection::connect_to(s.transport->local_port()));
+    halfHello.write(hex("01"));
+    EXPECT_TRUE(silent.wait_closed());
+    EXPECT_TRUE(halfHello.wait_closed());
+    auto late = s.greeted_client();  // the timeout is for the handshake only
+    ASSERT_TRUE(s.handler->wait_clients(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    late->write(hex("01 00000002 6f6b"));
+    ASSERT_TRUE(s.handler->wait_messages(1));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
+    EXPECT_NE(err.find("Dropping a connection before its handshake: nothing received within 100 ms"),
+              std::string::npos)
+        << err;
+}
+
+TEST(ServerTransport, ConnectionsBeyondTheCapAreClosedWithOneLine) {
+    Server s([](TransportSimpleSocketServer& t) { t.set_max_clients(2); });
+    ::testing::internal::CaptureStderr();
+    auto a = s.greeted_client();
+    auto b = s.greeted_client();
+    ASSERT_TRUE(s.handler->wait_clients(2));
+    for (int i = 0; i < 3; ++i) {
+        RawConnection over(RawConnection::connect_to(s.transport->local_port()));
+        EXPECT_TRUE(over.wait_closed());
+    }
+    a.reset();
+    ASSERT_TRUE(s.handler->wait_deleted(1));
+    // The freed place is taken again once the leaving reader is joined.
+    ASSERT_TRUE(wait_for([&] {
+        RawConnection probe(RawConnection::connect_to(s.transport->local_port()));
+        probe.write(hex("01 01"));
+        try {
+            return to_hex(probe.read(1)) == "01 ";
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    }));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err.find("Refusing new connections: 2 connections are open, the most allowed\n"), 0u)
+        << err;
+}
+
+TEST(ServerTransport, ReaderThreadsEndWithTheirClients) {
+    Server s;
+    const size_t baseline = thread_count();
+    std::vector<std::unique_ptr<RawConnection>> clients;
+    for (int i = 0; i < 20; ++i) clients.push_back(s.greeted_client());
+    ASSERT_TRUE(s.handler->wait_clients(20));
+    EXPECT_EQ(thread_count(), baseline + 20);
+    clients.clear();
+    ASSERT_TRUE(s.handler->wait_deleted(20));
+    // No new connection comes to prompt the clean-up.
+    EXPECT_TRUE(wait_for([&] { return thread_count() == baseline; })) << thread_count();
 }
 
 }  // namespace
