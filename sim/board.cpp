@@ -1,8 +1,7 @@
 #include "board.h"
 
-#include <iostream>
-
 #include "handlers.h"
+#include "orvi/log_line.h"
 
 namespace qord_sim {
 
@@ -40,7 +39,7 @@ std::shared_ptr<orvi::TransportSimpleSocketServer> Board::listen_on(const std::s
 }
 
 void Board::announce(const std::string& what, const std::string& host, unsigned short port) {
-    std::cout << "qord-sim " << what << " " << host << ":" << port << std::endl;
+    orvi::write_line(1, "qord-sim " + what + " " + host + ":" + std::to_string(port));
 }
 
 std::string Board::start() {
@@ -114,7 +113,7 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
     std::shared_ptr<orvi::TransportSimpleSocketServer> old = std::move(m_transport);
     m_up = false;
     lock.unlock();
-    std::cout << "qord-sim rebooting" << std::endl;
+    orvi::write_line(1, "qord-sim rebooting");
     m_protocol->remove_transport(old);
     old.reset();
     lock.lock();
@@ -123,7 +122,7 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
         return;
     }
     if (m_options.neverReturn) {
-        std::cout << "qord-sim stays down" << std::endl;
+        orvi::write_line(1, "qord-sim stays down");
         m_cond.wait(lock, [&] { return m_stopping; });
         return;
     }
@@ -139,8 +138,7 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
         m_protocol->add_transport(back);
         announce("back on", host, back->local_port());
     } catch (const std::exception& e) {
-        std::cerr << "qord-sim: cannot come back on " << host << ":" << port << ": " << e.what()
-                  << std::endl;
+        orvi::log_error("qord-sim: cannot come back on " + host + ":" + port + ": " + e.what());
     }
     lock.lock();
     m_transport = back;

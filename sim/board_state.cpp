@@ -1,10 +1,9 @@
 #include "board_state.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 #include <stdexcept>
+
+#include "bounded_json.h"
+#include "state_file.h"
 
 namespace qord_sim {
 
@@ -32,24 +31,14 @@ json BoardState::defaults() {
 
 BoardState::BoardState(const std::string& path) : m_doc(defaults()), m_path(path) {
     if (path.empty()) return;
-    std::ifstream in(path);
-    if (!in.is_open()) return;  // created on the first change
-    json file;
-    try {
-        file = json::parse(in);
-    } catch (const json::exception& e) {
-        throw std::runtime_error("state file " + path + " is not JSON: " + e.what());
-    }
-    if (!file.is_object()) throw std::runtime_error("state file " + path + " is not a JSON object");
+    remove_stale_temporaries(path);
+    const json file = load_state_file(path);
+    if (file.is_null()) return;  // created on the first change
     m_doc.merge_patch(file);
-    if (!m_doc["devices"].is_array()) {
-        throw std::runtime_error("state file " + path + ": \"devices\" must be an array");
-    }
-    for (const json& d : m_doc["devices"]) {
-        if (!d.is_object() || !d.contains("id") || !d["id"].is_number_integer()) {
-            throw std::runtime_error("state file " + path +
-                                     ": every device needs an integer \"id\"");
-        }
+    try {
+        validate_state(m_doc);
+    } catch (const std::runtime_error& e) {
+        throw std::runtime_error("state file " + path + ": " + e.what());
     }
 }
 
@@ -104,14 +93,17 @@ std::optional<std::string> BoardState::psi(long id) {
 }
 
 void BoardState::amend_psi(long id, const std::string& patch) {
-    json parsed;
-    try {
-        parsed = json::parse(patch);
-    } catch (const json::exception&) {
-        throw std::runtime_error("PSI amend refused: the text is not valid JSON");
-    }
+    const char* const refused = "PSI amend refused";
+    const json parsed = parse_bounded(patch, refused, kMaxPsiBytes, kMaxPsiDepth);
     std::lock_guard<std::mutex> lock(m_mutex);
-    change([&](json& doc) { device_or_throw(doc, id)["psi"].merge_patch(parsed); });
+    change([&](json& doc) {
+        json& psi = device_or_throw(doc, id)["psi"];
+        psi.merge_patch(parsed);
+        if (psi.dump().size() > kMaxPsiBytes) {
+            throw std::runtime_error(std::string(refused) + ": the settings would be larger than " +
+                                     std::to_string(kMaxPsiBytes) + " bytes");
+        }
+    });
 }
 
 void BoardState::reset_imei(long id, const std::string& passcode) {
@@ -149,7 +141,9 @@ void BoardState::set_fff(bool fff) {
 
 std::string BoardState::version() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return text(m_doc, "version");
+    std::string bytes;
+    if (m_doc.contains("version")) decode_bytes(m_doc["version"], bytes);
+    return bytes;
 }
 
 std::string BoardState::magic() {
@@ -160,7 +154,7 @@ std::string BoardState::magic() {
 void BoardState::install_firmware(const std::string& version, const std::string& magic) {
     std::lock_guard<std::mutex> lock(m_mutex);
     change([&](json& doc) {
-        doc["version"] = version;
+        doc["version"] = encode_bytes(version);
         doc["magic"] = magic;
     });
 }
@@ -176,21 +170,7 @@ json BoardState::snapshot() {
 }
 
 void BoardState::save(const json& doc) {
-    if (m_path.empty()) return;
-    const std::string tmp = m_path + ".tmp." + std::to_string(getpid());
-    {
-        std::ofstream out(tmp, std::ios::trunc);
-        out << doc.dump(2) << '\n';
-        out.flush();
-        if (!out) {
-            std::remove(tmp.c_str());
-            throw std::runtime_error("cannot write the state file " + m_path);
-        }
-    }
-    if (std::rename(tmp.c_str(), m_path.c_str()) != 0) {
-        std::remove(tmp.c_str());
-        throw std::runtime_error("cannot replace the state file " + m_path);
-    }
+    if (!m_path.empty()) save_state_file(m_path, doc);
 }
 
 }  // namespace qord_sim

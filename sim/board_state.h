@@ -1,6 +1,7 @@
 // The simulated board's persistent state: devices, PSI documents,
 // passcodes, firmware source and identity. Kept as one JSON document; every
-// accepted change is written back atomically (temporary file, then rename).
+// accepted change is written back durably before it is acknowledged (see
+// state_file.h). Client input is bounded (see bounded_json.h).
 // Thread-safe: every operation takes m_mutex.
 #pragma once
 
@@ -19,7 +20,8 @@ struct Identities {
 class BoardState {
   public:
     // Defaults for everything; the file (optional) overrides what it names.
-    // Throws std::runtime_error with a readable message for a bad file.
+    // Removes temporary files that dead writers left next to it. Throws
+    // std::runtime_error naming the file and the faulty field.
     explicit BoardState(const std::string& path);
 
     static nlohmann::json defaults();
@@ -28,7 +30,8 @@ class BoardState {
     std::optional<Identities> identities(long id);
     std::optional<std::string> psi(long id);
     // RFC 7386 merge patch. Throws std::runtime_error for text that is not
-    // JSON; the document is then unchanged.
+    // JSON, too large or too deeply nested, or a result that would be too
+    // large; the document is then unchanged.
     void amend_psi(long id, const std::string& patch);
     // Throws std::runtime_error for a wrong passcode.
     void reset_imei(long id, const std::string& passcode);

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace qord_sim {
@@ -71,13 +73,139 @@ TEST(BoardState, FirmwareIdentityAndSource) {
     EXPECT_EQ(state.magic(), "abcd");
 }
 
-TEST(BoardState, BadFilesAreRefusedWithAReason) {
-    StateFile file;
-    for (const char* text :
-         {"[1, 2]", "{\"devices\": {}}", "{\"devices\": [{\"mac\": \"x\"}]}", "{oops"}) {
-        file.write(text);
-        EXPECT_THROW(BoardState{file.path}, std::runtime_error) << text;
+std::string load_error(const StateFile& file) {
+    try {
+        BoardState state(file.path);
+    } catch (const std::runtime_error& e) {
+        const std::string prefix = "state file " + file.path;
+        const std::string what = e.what();
+        return what.compare(0, prefix.size(), prefix) == 0 ? what.substr(prefix.size())
+                                                           : "(no path) " + what;
     }
+    return "(loaded)";
+}
+
+TEST(BoardState, BadFilesAreRefusedNamingTheField) {
+    StateFile file;
+    const std::pair<std::string, std::string> cases[] = {
+        {"[1, 2]", " is not a JSON object"},
+        {"{oops", ": the text is not valid JSON"},
+        {std::string(80, '[') + std::string(80, ']'), ": the JSON is nested deeper than 67 levels"},
+        {R"({"boot_done": "yes"})", ": /boot_done must be a boolean"},
+        {R"({"firmware_source": 1})", ": /firmware_source must be a string"},
+        {R"({"version": {"hex": "4"}})", ": /version must be a string or {\"hex\": \"...\"}"},
+        {R"({"devices": {}})", ": /devices must be an array"},
+        {R"({"devices": [{"mac": "x"}]})", ": /devices/0/id is missing"},
+        {R"({"devices": [{"id": 1}, {"id": "2"}]})", ": /devices/1/id must be an integer"},
+        {R"({"devices": [{"id": 1}, {"id": 1}]})",
+         ": /devices/1/id repeats the id of another device"},
+        {R"({"devices": [{"id": 1, "talvex_active": "no"}]})",
+         ": /devices/0/talvex_active must be a boolean"},
+        {R"({"devices": [{"id": 1, "imei_resets": -1}]})",
+         ": /devices/0/imei_resets must be a whole number"},
+        {R"({"devices": [{"id": 1, "imei": 353}]})", ": /devices/0/imei must be a string"},
+    };
+    for (const auto& c : cases) {
+        file.write(c.first);
+        EXPECT_EQ(load_error(file), c.second) << c.first;
+    }
+    // Fields it does not know, and a device with only an id, are fine.
+    file.write(R"({"comment": [1], "devices": [{"id": 7}], "version": {"hex": "c328"}})");
+    EXPECT_EQ(load_error(file), "(loaded)");
+}
+
+TEST(BoardState, DeepOrLargePatchesAreRefusedAndTheBoardGoesOn) {
+    BoardState state("");
+    const std::string before = *state.psi(0);
+    auto refusal = [&](const std::string& patch) {
+        try {
+            state.amend_psi(0, patch);
+        } catch (const std::runtime_error& e) {
+            return std::string(e.what());
+        }
+        return std::string("(accepted)");
+    };
+    // 50,000 deep, as objects and as arrays: refused before any parsing.
+    std::string objects;
+    for (int i = 0; i < 50000; ++i) objects += "{\"a\":";
+    objects += "1" + std::string(50000, '}');
+    EXPECT_EQ(refusal(objects), "PSI amend refused: the JSON is nested deeper than 64 levels");
+    EXPECT_EQ(refusal(std::string(100000, '[') + std::string(100000, ']')),
+              "PSI amend refused: the JSON is nested deeper than 64 levels");
+    EXPECT_EQ(refusal(std::string(2 << 20, ' ') + "{}"),
+              "PSI amend refused: the text is larger than 1048576 bytes");
+    // Brackets inside strings are not nesting; 64 levels are allowed.
+    std::string deepest;
+    for (int i = 0; i < 63; ++i) deepest += "{\"k\":";
+    deepest += "\"[[[{{{\\\"\"" + std::string(63, '}');
+    EXPECT_EQ(refusal("{\"deep\":" + deepest + "}"), "(accepted)");
+    EXPECT_EQ(refusal("{\"deep\":{\"x\":" + deepest + "}}"),
+              "PSI amend refused: the JSON is nested deeper than 64 levels");
+    // Each patch is small, but the settings may not grow past the limit.
+    const std::string chunk(600 * 1024, 'x');
+    EXPECT_EQ(refusal("{\"one\":\"" + chunk + "\"}"), "(accepted)");
+    EXPECT_EQ(refusal("{\"two\":\"" + chunk + "\"}"),
+              "PSI amend refused: the settings would be larger than 1048576 bytes");
+    EXPECT_EQ(refusal("{\"one\":null,\"deep\":null}"), "(accepted)");
+    EXPECT_EQ(*state.psi(0), before);
+}
+
+TEST(BoardState, VersionsOfAnyBytesSurviveTheFile) {
+    StateFile file;
+    const std::string bytes("QORFW \xff\xfe\0\x80 caf\xc3\xa9", 16);
+    {
+        BoardState state(file.path);
+        state.install_firmware(bytes, "m1");
+        EXPECT_EQ(state.version(), bytes);
+    }
+    // "QORFW ", ff fe 00 80, " caf", "é" in UTF-8.
+    EXPECT_EQ(file.read()["version"], (nlohmann::json{{"hex",
+                                                       "514f52465720"
+                                                       "fffe0080"
+                                                       "20636166"
+                                                       "c3a9"}}));
+    EXPECT_EQ(BoardState(file.path).version(), bytes);
+    {
+        BoardState state(file.path);
+        state.install_firmware("2.0 café", "m2");
+    }
+    EXPECT_EQ(file.read()["version"], "2.0 café");
+}
+
+TEST(BoardState, SavingIsCompactAndNeverFollowsALink) {
+    StateFile file;
+    const std::string tmp = file.path + ".tmp." + std::to_string(getpid());
+    const std::string victim = file.path + ".victim";
+    std::ofstream(victim) << "keep";
+    ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);
+    {
+        BoardState state(file.path);  // our own pid's leftover: removed at start
+        EXPECT_NE(access(tmp.c_str(), F_OK), 0);
+        ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);  // planted again, later
+        state.set_fff(false);
+    }
+    std::ifstream in(victim);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "keep");
+    EXPECT_NE(access(tmp.c_str(), F_OK), 0);
+    std::ifstream saved(file.path);
+    const std::string text(std::istreambuf_iterator<char>(saved), {});
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_EQ(text.find(": "), std::string::npos) << text;
+    unlink(victim.c_str());
+}
+
+TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
+    StateFile file;
+    const std::string dead = file.path + ".tmp.999999999";  // above any pid_max
+    const std::string alive = file.path + ".tmp.1";         // init is always there
+    const std::string other = file.path + ".tmp.x";
+    for (const std::string& p : {dead, alive, other}) std::ofstream(p) << "{";
+    BoardState state(file.path);
+    EXPECT_NE(access(dead.c_str(), F_OK), 0);
+    EXPECT_EQ(access(alive.c_str(), F_OK), 0);
+    EXPECT_EQ(access(other.c_str(), F_OK), 0);
+    unlink(alive.c_str());
+    unlink(other.c_str());
 }
 
 TEST(BoardState, UnwritableStateRefusesTheChange) {

@@ -1,12 +1,12 @@
 // qord-sim: a simulated board for trying and testing qorc on one machine.
 #include <signal.h>
 
-#include <iostream>
 #include <thread>
 
 #include "board.h"
 #include "board_state.h"
 #include "options.h"
+#include "orvi/log_line.h"
 
 int main(int argc, char** argv) {
     qord_sim::Options options;
@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     try {
         state.reset(new qord_sim::BoardState(options.statePath));
     } catch (const std::exception& e) {
-        std::cerr << "qord-sim: " << e.what() << std::endl;
+        orvi::log_error(std::string("qord-sim: ") + e.what());
         return 2;
     }
 
@@ -35,8 +35,8 @@ int main(int argc, char** argv) {
     try {
         board.start();
     } catch (const std::exception& e) {
-        std::cerr << "qord-sim: cannot listen on " << options.listenHost << ":"
-                  << options.listenPort << ": " << e.what() << std::endl;
+        orvi::log_error("qord-sim: cannot listen on " + options.listenHost + ":" +
+                        options.listenPort + ": " + e.what());
         return 1;
     }
     std::thread waiter([&] {
@@ -46,6 +46,6 @@ int main(int argc, char** argv) {
     });
     board.run();
     waiter.join();
-    std::cout << "qord-sim stopped" << std::endl;
+    orvi::write_line(1, "qord-sim stopped");
     return 0;
 }

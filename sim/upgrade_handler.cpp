@@ -2,11 +2,11 @@
 // every size, report a few flashing steps, finish, reboot into the image.
 #include <chrono>
 #include <fstream>
-#include <iostream>
 #include <stdexcept>
 
 #include "board.h"
 #include "handlers.h"
+#include "orvi/log_line.h"
 #include "qor/protobuf/sysupgrade.pb.h"
 
 namespace qord_sim {
@@ -69,9 +69,9 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
         m_started = true;
         m_size = request.fw_size();
         if (m_size == 0) throw std::runtime_error("empty image refused");
-        std::cout << "qord-sim upgrade: " << m_size
-                  << " bytes, keep_config=" << request.keep_config()
-                  << ", not_save_config=" << request.not_save_config() << std::endl;
+        orvi::write_line(1, "qord-sim upgrade: " + std::to_string(m_size) +
+                                " bytes, keep_config=" + (request.keep_config() ? "1" : "0") +
+                                ", not_save_config=" + (request.not_save_config() ? "1" : "0"));
         if (!m_board.options().imageOut.empty()) {
             m_out.open(m_board.options().imageOut, std::ios::binary | std::ios::trunc);
         }
@@ -102,8 +102,8 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
         const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
                                 std::chrono::steady_clock::now() - m_firstChunk)
                                 .count();
-        std::cout << "qord-sim upgrade: received " << m_received << " bytes in " << micros << " us"
-                  << std::endl;
+        orvi::write_line(1, "qord-sim upgrade: received " + std::to_string(m_received) +
+                                " bytes in " + std::to_string(micros) + " us");
         m_board.state().install_firmware(image_version(), m_digest.hex());
         if (m_board.options().dropAfterLastChunk) {
             m_board.drop_client(get_transport_client_id());

@@ -78,7 +78,7 @@ class Protocol {
         // (remote id, local id) of every proxy in proxyMap whose peer is
         // known, so that an opening message finds its proxy without a scan.
         std::set<std::pair<unsigned int, unsigned int>> byRemote;  // guarded by mutex
-        size_t handlers = 0;      // handler proxies in proxyMap; guarded by mutex
+        size_t handlers = 0;     // handler proxies in proxyMap; guarded by mutex
         bool capLogged = false;  // guarded by mutex
     };
 

@@ -170,8 +170,9 @@ TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
     ASSERT_TRUE(s.handler->wait_messages(1));
     const std::string err = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
-    EXPECT_NE(err.find("Dropping a connection before its handshake: nothing received within 100 ms"),
-              std::string::npos)
+    EXPECT_NE(
+        err.find("Dropping a connection before its handshake: nothing received within 100 ms"),
+        std::string::npos)
         << err;
 }
 

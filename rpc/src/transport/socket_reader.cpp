@@ -43,8 +43,8 @@ void SocketReader::wait_readable() {
         const int r = poll(fds, n, m_waitLimitMs);
         if (r < 0 && errno == EINTR) continue;
         if (r == 0) {
-            throw SimpleSocketException("nothing received within " +
-                                        std::to_string(m_waitLimitMs) + " ms");
+            throw SimpleSocketException("nothing received within " + std::to_string(m_waitLimitMs) +
+                                        " ms");
         }
         if (n == 2 && (fds[1].revents & POLLIN)) throw ReadInterrupted{};
         return;  // readable, error or hang-up: the read that follows tells which
