@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -141,6 +142,28 @@ Result run_command(const std::string& binary, const std::vector<std::string>& ar
     r.out = read_file(dir.file("out"));
     r.err = read_file(dir.file("err"));
     return r;
+}
+
+Usage usage_of(pid_t pid) {
+    const std::string dir = "/proc/" + std::to_string(pid);
+    Usage u;
+    std::istringstream status(read_file(dir + "/status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) u.rssKib = std::stol(line.substr(6));
+        if (line.compare(0, 8, "Threads:") == 0) u.threads = std::stol(line.substr(8));
+    }
+    // Fields 14 and 15 of stat, counted after the command name's ")".
+    const std::string stat = read_file(dir + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i >= 14) u.cpuTicks += std::stol(field);
+    }
+    if (DIR* fds = opendir((dir + "/fd").c_str())) {
+        while (dirent* e = readdir(fds)) u.fds += e->d_name[0] != '.';
+        closedir(fds);
+    }
+    return u;
 }
 
 Sim::Sim(std::vector<std::string> args, const std::string& listenHost) : m_host(listenHost) {

@@ -84,6 +84,15 @@ class Sim {
     Process* m_process = nullptr;
 };
 
+// What a running process holds, read from /proc.
+struct Usage {
+    long rssKib = 0;
+    long threads = 0;
+    long fds = 0;
+    long cpuTicks = 0;  // user + system time, in clock ticks
+};
+Usage usage_of(pid_t pid);
+
 // An address on the loopback network where nothing listens.
 std::string closed_address();
 

@@ -1,8 +1,11 @@
 // qord-sim as a program: start-up, state file, shutdown and bad clients.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include "harness.h"
 #include "testing/raw_peer.h"
@@ -120,6 +123,71 @@ TEST(Simulator, StateOutlivesAKilledSimulator) {
     // No temporary file is left beside the state.
     EXPECT_EQ(read_file(state).empty(), false);
     EXPECT_FALSE(file_exists(state + ".tmp." + std::to_string(again.process().pid())));
+}
+
+TEST(Simulator, DeepPsiIsRefusedAndServingGoesOn) {
+    TempDir dir;
+    Sim sim({"--state", dir.file("state.json")});
+    const std::vector<std::string> url = sim.url();
+    auto qorc = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), url.begin(), url.end());
+        return run_qorc(args);
+    };
+    const Result before = qorc({"psi_get"});
+    ASSERT_EQ(before.status, 0);
+
+    std::string deep;
+    for (int i = 0; i < 50000; ++i) deep += "{\"a\":";
+    deep += "1" + std::string(50000, '}');  // 300 KB
+    const Result refused = qorc({"psi_set", dir.write("deep.json", deep)});
+    EXPECT_NE(refused.status, 0);
+    EXPECT_NE(refused.err.find("PSI amend refused: the JSON is nested deeper than 64 levels"),
+              std::string::npos)
+        << refused.err;
+    const Result arrays =
+        qorc({"psi_set", dir.write("arrays.json", std::string(100000, '[') + "]")});
+    EXPECT_NE(arrays.err.find("nested deeper than 64 levels"), std::string::npos) << arrays.err;
+
+    const Result after = qorc({"psi_get"});
+    EXPECT_EQ(after.status, 0);
+    EXPECT_EQ(after.out, before.out);
+    EXPECT_TRUE(sim.process().running());
+}
+
+// With few descriptors left, clients beyond them wait in the listen queue:
+// the simulator neither spins nor stops serving, and takes them once
+// descriptors are free again.
+TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::unique_ptr<Sim> sim;
+    try {
+        sim.reset(new Sim());  // inherits the limit
+    } catch (...) {
+        setrlimit(RLIMIT_NOFILE, &saved);
+        throw;
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+    std::vector<std::unique_ptr<RawConnection>> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.push_back(std::make_unique<RawConnection>(RawConnection::connect_to(sim->port())));
+        clients.back()->write(hex("01 01"));
+    }
+    const long start = usage_of(sim->process().pid()).cpuTicks;
+    usleep(1000000);
+    const long used = usage_of(sim->process().pid()).cpuTicks - start;
+    EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 5) << "ticks in one second";
+    const std::string err = sim->err();
+    EXPECT_EQ(err, "Cannot accept connections: Too many open files; retrying every 100 ms\n");
+
+    clients.clear();
+    const Result r = run_qorc({"--url", sim->address(), "fw_config_mode"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(sim->stop(), 0);
 }
 
 }  // namespace
