@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -82,6 +84,19 @@ class Sim {
     std::string m_host;
     unsigned short m_port = 0;
     Process* m_process = nullptr;
+};
+
+// Discards what this process writes to std::cout while it lives.
+class MutedStdout {
+  public:
+    MutedStdout() : m_saved(std::cout.rdbuf(m_sink.rdbuf())) {}
+    ~MutedStdout() { std::cout.rdbuf(m_saved); }
+    MutedStdout(const MutedStdout&) = delete;
+    MutedStdout& operator=(const MutedStdout&) = delete;
+
+  private:
+    std::ostringstream m_sink;
+    std::streambuf* m_saved;
 };
 
 // What a running process holds, read from /proc.

@@ -1,0 +1,221 @@
+// qord-sim under a long mixed load: thousands of commands of every kind,
+// hundreds of clients at once, and clients killed in the middle of an
+// upgrade. Afterwards it still upgrades, and holds what it held before.
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "harness.h"
+#include "qor/client.h"
+#include "testing/private_tmp.h"
+
+namespace e2e {
+namespace {
+
+const char* const kPsiRead = "/boot/psi";
+const char* const kPsiAmend = "/update/psi/amend";
+
+size_t count_of(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+struct Board {
+    TempDir dir;
+    Sim sim{
+        {"--state", dir.file("state.json"), "--reboot-delay-ms", "100", "--reboot-grace-ms", "50"}};
+    std::string host = "127.0.0.1";
+    std::string port = std::to_string(sim.port());
+
+    void connect(qor::Client& client) const { client.connect(host, port, "", 5); }
+};
+
+// Runs command number i of a cycle that covers every kind the client
+// library has, right answers and refusals alike; a new session every 25.
+class SequentialLoad {
+  public:
+    explicit SequentialLoad(const Board& board) : m_board(board) {}
+
+    void run(int commands) {
+        MutedStdout muted;  // psi_set echoes what it sends
+        for (int i = 0; i < commands; ++i) {
+            if (i % 25 == 0) {
+                m_client.reset(new qor::Client());
+                m_board.connect(*m_client);
+            }
+            ASSERT_NO_FATAL_FAILURE(one(i)) << "command " << i;
+        }
+        m_client.reset();
+    }
+
+  private:
+    void one(int i) {
+        qor::Client& c = *m_client;
+        switch (i % 10) {
+            case 0: {
+                std::string reply;
+                c.echo("soak " + std::to_string(i), reply);
+                ASSERT_EQ(reply, "soak " + std::to_string(i));
+                break;
+            }
+            case 1: {
+                bool fff = false;
+                c.fw_config_mode(fff);
+                ASSERT_TRUE(fff);
+                break;
+            }
+            case 2:
+                ASSERT_FALSE(c.get_device(42).valid());
+                break;
+            case 3: {
+                qor::client::DeviceIdentities ids;
+                c.get_device(0).get_identities(ids);
+                ASSERT_EQ(ids.serial, "QS-000001");
+                break;
+            }
+            case 4:
+                c.get_device(0).psi_set(kPsiAmend, "{\"soak\":" + std::to_string(i) + "}");
+                break;
+            case 5: {
+                std::string json;
+                c.get_device(0).psi_get(kPsiRead, json);
+                ASSERT_NE(json.find("\"soak\":" + std::to_string(i - 1)), std::string::npos);
+                break;
+            }
+            case 6:
+                ASSERT_ANY_THROW(c.get_device(0).reset_imei("wrong"));
+                break;
+            case 7:
+                c.get_device(0).reset_imei("RESET-1234");
+                break;
+            case 8:
+                c.get_device(0).activate_talvex("TALVEX-5678");
+                break;
+            case 9:
+                ASSERT_ANY_THROW(c.get_device(0).psi_set(kPsiAmend, "{\"broken\":"));
+                break;
+        }
+    }
+
+    const Board& m_board;
+    std::unique_ptr<qor::Client> m_client;
+};
+
+// `clients` sessions connected at the same time, each running a few
+// commands once all are in.
+void concurrent_clients(const Board& board, int clients) {
+    std::mutex mutex;
+    std::condition_variable allIn;
+    int connected = 0, failures = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < clients; ++t) {
+        threads.emplace_back([&, t] {
+            bool ok = true;
+            qor::Client client;
+            try {
+                board.connect(client);
+            } catch (const std::exception&) {
+                ok = false;
+            }
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                ++connected;
+                allIn.notify_all();
+                allIn.wait_for(lock, std::chrono::seconds(20),
+                               [&] { return connected == clients; });
+            }
+            try {
+                for (int i = 0; ok && i < 3; ++i) {
+                    std::string reply;
+                    client.echo(std::to_string(t), reply);
+                    bool fff = false;
+                    client.fw_config_mode(fff);
+                    ok = reply == std::to_string(t) && fff;
+                }
+            } catch (const std::exception&) {
+                ok = false;
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            failures += !ok;
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(failures, 0);
+}
+
+// qorc upgrades, each killed with SIGKILL once the board has started to
+// take its image; the image is large enough that none can finish first.
+void killed_upgrades(Board& board, int upgrades) {
+    const std::string image = board.dir.file("big.img");
+    ASSERT_EQ(truncate(board.dir.write("big.img", "").c_str(), 64 << 20), 0);
+    const std::string started = "qord-sim upgrade: " + std::to_string(64 << 20) + " bytes";
+    for (int i = 0; i < upgrades; ++i) {
+        const size_t before = count_of(board.sim.out(), started);
+        Process qorc(qorc_binary(), {"--url", board.sim.address(), "sysupgrade", image},
+                     board.dir.file("o"), board.dir.file("e"));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+        while (count_of(board.sim.out(), started) == before &&
+               std::chrono::steady_clock::now() < deadline) {
+            usleep(1000);
+        }
+        ASSERT_GT(count_of(board.sim.out(), started), before) << read_file(board.dir.file("e"));
+        qorc.signal(SIGKILL);
+        qorc.wait();
+    }
+    ASSERT_EQ(count_of(board.sim.out(), "received"), 0u) << "an upgrade finished";
+}
+
+// Threads and descriptors come back exactly once the last readers are gone.
+bool settles_to(pid_t pid, const Usage& baseline) {
+    for (int i = 0; i < 500; ++i) {
+        const Usage now = usage_of(pid);
+        if (now.threads == baseline.threads && now.fds == baseline.fds) return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+TEST(SimulatorSoak, ManyCommandsClientsAndKilledUpgradesLeaveNoTrace) {
+    REQUIRE_PRIVATE_TMP();
+    Board board;
+    const pid_t pid = board.sim.process().pid();
+
+    // A smaller round first, so that the baseline includes what the
+    // allocator keeps once it has served such a load.
+    SequentialLoad(board).run(200);
+    concurrent_clients(board, 50);
+    killed_upgrades(board, 2);
+    Usage baseline = usage_of(pid);
+    ASSERT_TRUE(settles_to(pid, baseline));
+    baseline = usage_of(pid);
+
+    SequentialLoad(board).run(5000);
+    concurrent_clients(board, 200);
+    killed_upgrades(board, 20);
+    if (HasFatalFailure()) return;
+
+    const std::string image =
+        board.dir.write("good.img", "QORFW soak-2.0\n" + std::string(100000, 's'));
+    const Result upgrade = run_qorc({"--url", board.sim.address(), "sysupgrade", image});
+    EXPECT_EQ(upgrade.status, 0) << upgrade.out << upgrade.err;
+    EXPECT_NE(upgrade.out.find("soak-2.0"), std::string::npos) << upgrade.out;
+
+    EXPECT_TRUE(settles_to(pid, baseline))
+        << "threads " << usage_of(pid).threads << " (was " << baseline.threads << "), descriptors "
+        << usage_of(pid).fds << " (was " << baseline.fds << ")";
+    const Usage after = usage_of(pid);
+    EXPECT_LE(after.rssKib, baseline.rssKib + baseline.rssKib / 4 + 4096)
+        << "RSS " << after.rssKib << " KiB, was " << baseline.rssKib << " KiB";
+    std::cout << "qord-sim RSS " << baseline.rssKib << " -> " << after.rssKib << " KiB, threads "
+              << after.threads << ", descriptors " << after.fds << "\n";
+    EXPECT_EQ(board.sim.stop(), 0);
+}
+
+}  // namespace
+}  // namespace e2e
