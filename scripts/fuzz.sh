@@ -11,7 +11,7 @@ seconds=${1:-${FUZZ_SECONDS:-30}}
 dir=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DQORC_TESTS=OFF \
   -DQORC_FUZZ=ON -DQORC_SANITIZE=address,undefined >/dev/null
-targets=(frame_reader url engine_routing passcode_file)
+targets=(frame_reader url engine_routing passcode_file psi_store)
 cmake --build "$dir" -j "$(nproc)" $(printf -- '--target %s_fuzz ' "${targets[@]}")
 mkdir -p "$dir/artifacts"
 for t in "${targets[@]}"; do
