@@ -42,7 +42,7 @@ TEST(Devices, FirmwareSourceAndFallback) {
            b.hello() + "Fallback to FFH...\rFallback to FFH completed, rebooting\n", "");
     ASSERT_TRUE(b.sim->wait_output("back on"));
     expect(b.run({"fw_config_mode"}), 0, b.hello() + "FW configuration mode: FFH\n", "");
-    EXPECT_NE(read_file(b.state).find("\"firmware_source\": \"FFH\""), std::string::npos);
+    EXPECT_NE(read_file(b.state).find("\"firmware_source\":\"FFH\""), std::string::npos);
 }
 
 TEST(Devices, PsiReadAndAmend) {
@@ -98,7 +98,7 @@ TEST(Devices, ResetImeiFindsThePasscodeByMac) {
                                          "02:00:5E:10:00:01 wrong\n");
     expect(b.run({"reset_imei", file}), 0, b.hello() + before, "");
     expect(b.run({"reset_imei", file}), 0, b.hello() + kIdentities, "");
-    EXPECT_NE(read_file(b.state).find("\"imei_resets\": 2"), std::string::npos);
+    EXPECT_NE(read_file(b.state).find("\"imei_resets\":2"), std::string::npos);
 
     expect(b.run({"reset_imei", b.dir.write("wrong.txt", "02-00-5E-10-00-01 RESET 1234\n")}), 1,
            b.hello() + kIdentities, "Error: IMEI reset refused: wrong passcode\n");
@@ -127,7 +127,7 @@ TEST(Devices, Activate) {
            "Error: TALVEX activation refused: wrong passcode\n");
     EXPECT_EQ(read_file(b.state), "");  // nothing accepted, nothing written
     expect(b.run({"activate", "TALVEX-5678"}), 0, b.hello(), "");
-    EXPECT_NE(read_file(b.state).find("\"talvex_active\": true"), std::string::npos);
+    EXPECT_NE(read_file(b.state).find("\"talvex_active\":true"), std::string::npos);
 }
 
 TEST(Devices, RemoteFailuresEndInErrorLines) {
