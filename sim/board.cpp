@@ -34,6 +34,10 @@ std::shared_ptr<orvi::TransportSimpleSocketServer> Board::listen_on(const std::s
     transport->set_nodelay(m_options.nodelay);
     transport->set_split_writes(m_options.splitFrames);
     transport->set_handshake_answer(static_cast<unsigned char>(m_options.handshakeVersion));
+    // Which link a client came from: on a host with several boards, the
+    // proof that each reached its own.
+    transport->set_peer_log(
+        [](const std::string& peer) { orvi::write_line(1, "qord-sim connection from " + peer); });
     transport->listen();
     return transport;
 }

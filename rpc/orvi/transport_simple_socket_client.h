@@ -50,8 +50,10 @@ class TransportSimpleSocketClient : public TransportClient {
 
     std::string m_host;
     std::string m_port;
-    // Local address to bind to before connecting; empty for none. The owner
-    // may assign it between construction and connect.
+    // Local address to bind to before connecting; empty for none. A value
+    // that is not a numeric address but names a network interface binds the
+    // socket to that interface instead. The owner may assign it between
+    // construction and connect.
     std::string m_bind;
 
   private:

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -53,6 +54,11 @@ class TransportSimpleSocketServer : public Transport {
     // Connections open at once, handshakes under way included; more are
     // closed as soon as they are accepted.
     void set_max_clients(size_t n) { m_maxClients = n; }
+    // Told the peer address ("host:port") of every accepted connection, on
+    // the accept thread.
+    void set_peer_log(std::function<void(const std::string& peer)> log) {
+        m_peerLog = std::move(log);
+    }
     static constexpr int kDefaultHandshakeTimeoutMs = 5000;
     static constexpr size_t kDefaultMaxClients = 256;
     // Pause after an accept that failed for want of resources.
@@ -94,6 +100,7 @@ class TransportSimpleSocketServer : public Transport {
     bool m_splitWrites = false;
     int m_handshakeTimeoutMs = kDefaultHandshakeTimeoutMs;
     size_t m_maxClients = kDefaultMaxClients;
+    std::function<void(const std::string&)> m_peerLog;
     std::weak_ptr<TransportHandler> m_handler;
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
     // Signalled by a reader thread as it ends, so that the accept thread

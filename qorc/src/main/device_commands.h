@@ -19,8 +19,10 @@ int psi_set(qor::Client& client, const std::string& path);
 // 2 when the passcode file cannot be read, 1 when it has no record for the
 // device's MAC.
 int reset_imei(qor::Client& client, const std::string& path);
+// The reconnection after the reboot binds as the session did (session_bind,
+// from --bind) unless reboot_url carries its own "bind" parameter.
 int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
-               int timeout, std::string reboot_url);
+               int timeout, std::string reboot_url, const std::string& session_bind);
 
 // The echo worker: two echoes per pass, once or forever.
 void worker(const char* host, const char* port, bool loop, unsigned int number);

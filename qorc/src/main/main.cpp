@@ -14,7 +14,7 @@ int dispatch(qor::Client& client, const qorc::Arguments& a, const std::string& u
     if (a.sysupgrade) {
         const int timeout = a.timeout == -1 ? qorc::kDefaultRebootTimeout : a.timeout;
         return qorc::sysupgrade(client, a.fw, a.keep_config, a.no_keep, timeout,
-                                a.reboot_url.empty() ? url : a.reboot_url);
+                                a.reboot_url.empty() ? url : a.reboot_url, a.bind);
     }
     if (a.psi_get) return qorc::psi_get(client, a.path);
     if (a.psi_set) return qorc::psi_set(client, a.path);

@@ -48,13 +48,30 @@ void SysupgradeLogHandler::on_connect_retry(unsigned int count) const {
     set_console_line_open(true);
 }
 
+namespace {
+// A later "bind" parameter wins over an earlier one.
+std::string with_bind(const std::string& url_text, const std::string& bind) {
+    if (bind.empty()) return url_text;
+    const char separator = url_text.find('?') == std::string::npos ? '?' : '&';
+    return url_text + separator + "bind=" + bind;
+}
+}  // namespace
+
 int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
-               int timeout, std::string reboot_url) {
+               int timeout, std::string reboot_url, const std::string& session_bind) {
     orvi::Url url;
     orvi::parse_url(url, reboot_url);
     if (url.scheme.empty()) url.scheme = "tcp";
     if (url.port.empty()) url.port = kDefaultPort;
+    // The board must come back on the link it left from: the reconnection
+    // binds as the session did, unless the reboot address names its own
+    // binding. Serialising drops parameters, so the binding is added after.
+    // (Without a query the parser reads the whole text as parameters.)
+    const auto own = url.params.find("bind");
+    const bool hasOwn = reboot_url.find('?') != std::string::npos && own != url.params.end();
+    const std::string bind = hasOwn ? own->second : session_bind;
     orvi::serialize_url(reboot_url, url);
+    reboot_url = with_bind(reboot_url, bind);
 
     SysupgradeLogHandler handler;
     UpgradeSignalGuard signals;

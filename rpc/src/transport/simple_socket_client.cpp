@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -37,14 +38,31 @@ void set_nonblocking(int fd, bool on) {
     fcntl(fd, F_SETFL, on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK));
 }
 
+// Several boards often answer on the same address behind different links;
+// only the link itself then tells them apart.
+bool names_interface(const std::string& bind) {
+    return bind.size() < IFNAMSIZ && if_nametoindex(bind.c_str()) != 0;
+}
+
 void bind_local(int fd, const std::string& bind, const addrinfo& remote) {
     addrinfo hints{};
     hints.ai_family = remote.ai_family;
     hints.ai_socktype = remote.ai_socktype;
     hints.ai_protocol = remote.ai_protocol;
     AddrInfoList local;
+    hints.ai_flags = AI_NUMERICHOST;
     if (getaddrinfo(bind.c_str(), nullptr, &hints, &local.list) != 0) {
-        throw SimpleSocketException("Failed to resolve hostname " + bind);
+        if (names_interface(bind)) {
+            if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, bind.c_str(),
+                           static_cast<socklen_t>(bind.size())) != 0) {
+                throw SimpleSocketException("Failed to bind to " + bind);
+            }
+            return;
+        }
+        hints.ai_flags = 0;
+        if (getaddrinfo(bind.c_str(), nullptr, &hints, &local.list) != 0) {
+            throw SimpleSocketException("Failed to resolve hostname " + bind);
+        }
     }
     for (addrinfo* a = local.list; a != nullptr; a = a->ai_next) {
         if (::bind(fd, a->ai_addr, a->ai_addrlen) == 0) return;

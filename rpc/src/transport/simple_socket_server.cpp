@@ -125,6 +125,18 @@ void TransportSimpleSocketServer::reap_finished_readers() {
     for (Reader& r : finished) r.thread.join();
 }
 
+namespace {
+std::string address_text(const sockaddr_storage& address, socklen_t length) {
+    char host[NI_MAXHOST], port[NI_MAXSERV];
+    if (getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host, sizeof host, port,
+                    sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+        return "?";
+    }
+    return address.ss_family == AF_INET6 ? "[" + std::string(host) + "]:" + port
+                                         : std::string(host) + ":" + port;
+}
+}  // namespace
+
 void TransportSimpleSocketServer::accept_loop() {
     pollfd fds[3] = {
         {m_listenFd, POLLIN, 0}, {m_wake->fd(), POLLIN, 0}, {m_readerDone->fd(), POLLIN, 0}};
@@ -136,12 +148,16 @@ void TransportSimpleSocketServer::accept_loop() {
             reap_finished_readers();
         }
         if (!(fds[0].revents & POLLIN)) continue;
-        const int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        sockaddr_storage peer{};
+        socklen_t peerLength = sizeof peer;
+        const int fd =
+            accept4(m_listenFd, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
         if (fd < 0) {
             accept_failed(errno);
             continue;
         }
         m_acceptFailureLogged = false;
+        if (m_peerLog) m_peerLog(address_text(peer, peerLength));
         admit(fd);
     }
 }
