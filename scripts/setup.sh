@@ -10,6 +10,8 @@ packages=(
   nlohmann-json3-dev
   clang-format
   clang libclang-rt-14-dev
+  iproute2
+  ansible-core
 )
 
 missing=()
