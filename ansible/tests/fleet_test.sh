@@ -9,9 +9,8 @@ collection=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d /tmp/qorc-fleet-XXXXXX)
 pids=()
 cleanup() {
-  for p in "${pids[@]}"; do kill -9 "$p" 2>/dev/null && wait "$p" 2>/dev/null; done
+  for p in "${pids[@]}"; do { kill -9 "$p" && wait "$p"; } 2>/dev/null || true; done
   rm -rf "$work"
-  true
 }
 trap cleanup EXIT
 
