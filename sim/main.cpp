@@ -1,4 +1,5 @@
 // qord-sim: a simulated board for trying and testing qorc on one machine.
+#include <pthread.h>
 #include <signal.h>
 
 #include <thread>
@@ -9,6 +10,14 @@
 #include "orvi/log_line.h"
 
 int main(int argc, char** argv) {
+    // Every client has a reader thread of its own, and a board serves up to
+    // 256 clients: default stacks would take 2 GiB of a 32-bit host.
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 512 << 10);
+    pthread_setattr_default_np(&small);
+    pthread_attr_destroy(&small);
+
     qord_sim::Options options;
     const int status = qord_sim::parse_options(argc, argv, options);
     if (status >= 0) return status;

@@ -20,6 +20,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "testing/emulator.h"
+
 extern char** environ;
 
 namespace e2e {
@@ -29,6 +31,9 @@ const char* qorc_binary() {
 }
 const char* qord_sim_binary() {
     return QORD_SIM_BIN;
+}
+bool under_emulator() {
+    return !orvi::testing::emulator_command().empty();
 }
 
 TempDir::TempDir() {

@@ -53,6 +53,9 @@ class Process {
 
 const char* qorc_binary();
 const char* qord_sim_binary();
+// True in a cross build whose programs run under an emulator: what /proc
+// says of them is then the emulator's.
+bool under_emulator();
 
 // Any program, to completion, with its output collected.
 Result run_command(const std::string& binary, const std::vector<std::string>& args,

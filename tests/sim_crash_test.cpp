@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -31,9 +32,10 @@ std::vector<std::string> temporaries_in(const std::string& dir) {
 }
 
 // Writes keys k<n> for n = next, next + 1, ... until the board goes away or
-// `total` is reached; records each write the board acknowledged.
+// `total` is reached; records each write the board acknowledged, and raises
+// `started` at the first of them.
 void write_until_killed(const std::string& address_port, int total, int& next,
-                        std::map<int, bool>& acknowledged) {
+                        std::map<int, bool>& acknowledged, std::atomic<bool>& started) {
     MutedStdout muted;  // psi_set echoes what it sends
     qor::Client client;
     try {
@@ -44,10 +46,12 @@ void write_until_killed(const std::string& address_port, int total, int& next,
             device.psi_set("/update/psi/amend",
                            "{\"k" + std::to_string(n) + "\":" + std::to_string(n) + "}");
             acknowledged[n] = true;
+            started = true;
         }
     } catch (const std::exception&) {
         // The kill: the write in flight, if any, is not acknowledged.
     }
+    started = true;  // also when no write got through
 }
 
 TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedChange) {
@@ -61,9 +65,13 @@ TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedCha
     int next = 0, rounds = 0;
     while (next < writes) {
         Sim sim({"--state", state});
+        std::atomic<bool> started{false};
         std::thread writer(write_until_killed, std::to_string(sim.port()), writes, std::ref(next),
-                           std::ref(acknowledged));
-        usleep(std::uniform_int_distribution<useconds_t>(500, 20000)(random));
+                           std::ref(acknowledged), std::ref(started));
+        // The kill lands at a random moment once writes are flowing, however
+        // slow the machine (or its emulator) is.
+        for (int waited = 0; !started && waited < 30000; ++waited) usleep(1000);
+        usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
         sim.process().signal(SIGKILL);
         sim.process().wait();
         writer.join();
@@ -81,7 +89,7 @@ TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedCha
         }
     }
     EXPECT_GE(rounds, 2);
-    EXPECT_GT(acknowledged.size(), 0u);
+    ASSERT_FALSE(acknowledged.empty());
     // Every kill left a temporary behind at most; the next start removes it.
     Sim last({"--state", state});
     EXPECT_EQ(temporaries_in(dir.path()), std::vector<std::string>());

@@ -140,7 +140,10 @@ TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
 
     // Larger than its 32-bit size field can say (a sparse file).
     const std::string huge = u.dir.file("huge.zpk");
-    ASSERT_EQ(truncate(u.dir.write("huge.zpk", "x").c_str(), (4LL << 30) + 1), 0);
+    // A 32-bit off_t would wrap this size round to 1 byte.
+    static_assert(sizeof(off_t) >= 8, "build with _FILE_OFFSET_BITS=64");
+    const off_t hugeSize = static_cast<off_t>(4LL << 30) + 1;
+    ASSERT_EQ(truncate(u.dir.write("huge.zpk", "x").c_str(), hugeSize), 0);
     const Result big = u.run(huge);
     EXPECT_EQ(big.status, 1);
     EXPECT_EQ(big.err, "Error: Error, file is larger than 4 GiB!\n");

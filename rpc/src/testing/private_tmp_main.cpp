@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/emulator.h"
 #include "testing/private_tmp.h"
 
 namespace orvi {
@@ -33,7 +34,10 @@ void reexec_in_new_mount_namespace(int argc, char** argv) {
     if (n <= 0) return;
     self[n] = '\0';
     setenv(kEnv, "1", 1);
-    std::vector<const char*> args = {"unshare", "--mount", "--propagation", "private", self};
+    const std::vector<std::string> emulator = emulator_command();
+    std::vector<const char*> args = {"unshare", "--mount", "--propagation", "private"};
+    for (const std::string& word : emulator) args.push_back(word.c_str());
+    args.push_back(self);
     for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
     args.push_back(nullptr);
     execv("/usr/bin/unshare", const_cast<char* const*>(args.data()));
