@@ -19,9 +19,12 @@ function(qorc_add_proto_library target)
     list(APPEND srcs ${cc})
   endforeach()
   add_library(${target} STATIC ${srcs})
-  target_include_directories(${target} SYSTEM PUBLIC ${out_dir} ${Protobuf_INCLUDE_DIRS})
+  target_include_directories(${target} SYSTEM PUBLIC $<BUILD_INTERFACE:${out_dir}>
+    $<BUILD_INTERFACE:${Protobuf_INCLUDE_DIRS}> $<INSTALL_INTERFACE:${QORC_INSTALL_INCLUDEDIR}>)
+  # Installed, the library links the consumer's protobuf-lite.
   if(QORC_PROTOBUF_LITE_STATIC)
-    target_link_libraries(${target} PUBLIC ${QORC_PROTOBUF_LITE_STATIC} Threads::Threads ${ARG_DEPENDS})
+    target_link_libraries(${target} PUBLIC $<BUILD_INTERFACE:${QORC_PROTOBUF_LITE_STATIC}>
+      $<INSTALL_INTERFACE:protobuf::libprotobuf-lite> Threads::Threads ${ARG_DEPENDS})
   else()
     target_link_libraries(${target} PUBLIC protobuf::libprotobuf-lite ${ARG_DEPENDS})
   endif()

@@ -12,6 +12,8 @@ packages=(
   clang libclang-rt-14-dev
   iproute2
   ansible-core
+  scdoc lintian dpkg-dev file man-db pkg-config bash-completion
+  g++-arm-linux-gnueabihf qemu-user-static
 )
 
 missing=()

@@ -3,7 +3,9 @@
 #   1. a normal build;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. ThreadSanitizer, for the threaded parts (engine, transports, client);
-# then fuzzes the parsers for a fixed time (scripts/fuzz.sh, FUZZ_SECONDS).
+# then builds and checks the Debian packages (scripts/package.sh), runs every
+# test of an armhf cross build under qemu, and fuzzes the parsers for a fixed
+# time (scripts/fuzz.sh, FUZZ_SECONDS).
 # Any failure fails the whole run.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -33,6 +35,12 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 BUILD_TARGETS="orvi_protocol_test orvi_engine_hazards_test orvi_client_transport_test orvi_server_transport_test orvi_framing_test qor_client_test" \
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread
+echo "=== packaging (${SECONDS}s)"
+bash scripts/package.sh
+bash tests/package_check.sh build/packages
+# Every test again, cross-built for the 32-bit ARM hosts, under qemu.
+run "armhf" build/test-armhf -- -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/armhf.cmake" -DQORC_SYSROOT="$root/build/sysroot-armhf"
 echo "=== fuzz (${SECONDS}s)"
 bash scripts/fuzz.sh "${FUZZ_SECONDS:-30}"
 echo "=== all test runs passed (${SECONDS}s)"
