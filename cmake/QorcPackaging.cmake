@@ -36,6 +36,11 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS OFF)
 if(QORC_DEB_ARCHITECTURE)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${QORC_DEB_ARCHITECTURE})
 endif()
+if(QORC_CROSS_LIBC)
+  # Where dpkg-shlibdeps finds the target's C library (owned by libc6 in the
+  # database that DPKG_ADMINDIR names; see scripts/fetch-armhf-sysroot.sh).
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${QORC_CROSS_LIBC}/lib)
+endif()
 
 set(CPACK_DEBIAN_QORC_PACKAGE_NAME ${QORC_PACKAGE_NAME_qorc})
 set(CPACK_DEBIAN_QORC_PACKAGE_SECTION net)

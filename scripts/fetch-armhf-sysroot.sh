@@ -42,12 +42,18 @@ control="$apt_dir/libc6-control"
 dpkg-deb -e "$libc_deb" "$control"
 cp "$control/symbols" "$dir/dpkg/info/libc6:armhf.symbols"
 cp "$control/shlibs" "$dir/dpkg/info/libc6:armhf.shlibs"
-ls /usr/arm-linux-gnueabihf/lib/{libc.so.6,ld-linux-armhf.so.3} >"$dir/dpkg/info/libc6:armhf.list"
+# Its shared objects, under the names the cross toolchain has them.
+dpkg-deb -c "$libc_deb" | awk '{print $NF}' | grep -E '\.so(\.[0-9]+)*$' | while read -r path; do
+  cross=/usr/arm-linux-gnueabihf/lib/$(basename "$path")
+  if [ -e "$cross" ]; then echo "$cross"; fi
+done >"$dir/dpkg/info/libc6:armhf.list"
 {
-  grep -E '^(Package|Version|Architecture|Multi-Arch|Source):' "$control/control"
+  grep -E '^(Package|Version|Architecture|Multi-Arch|Source|Maintainer|Description):' "$control/control"
   echo "Status: install ok installed"
   echo
 } >"$dir/dpkg/status"
+echo 1 >"$dir/dpkg/info/format"  # info files named package:arch
+printf '%s\n' "$(dpkg --print-architecture)" armhf >"$dir/dpkg/arch"
 
 rm -rf "$apt_dir/lists" "$apt_dir/cache"
 touch "$dir/.complete"

@@ -30,3 +30,6 @@ set(Protobuf_PROTOC_EXECUTABLE /usr/bin/protoc CACHE FILEPATH "protoc of the bui
 
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L "${QORC_CROSS_LIBC}")
 set(QORC_DEB_ARCHITECTURE armhf)
+# Debian's multiarch layout for what the packages install (GNUInstallDirs
+# picks it only for native builds).
+set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
