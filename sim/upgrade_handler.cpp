@@ -90,14 +90,14 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
                                      std::to_string(size) + " bytes, expected " +
                                      std::to_string(expected));
         }
+        m_received += size;
+        const bool more = m_received < m_size;
+        // Ask for the next chunk first: it travels while this one is digested.
+        if (more) send_answer(pb::Answer::NEXT);
         m_digest.add(data, size);
         if (m_out.is_open()) m_out.write(data, size);
         if (m_head.size() < 256) m_head.append(data, std::min<size_t>(size, 256 - m_head.size()));
-        m_received += size;
-        if (m_received < m_size) {
-            send_answer(pb::Answer::NEXT);
-            return;
-        }
+        if (more) return;
         if (m_out.is_open()) m_out.close();
         const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
                                 std::chrono::steady_clock::now() - m_firstChunk)

@@ -13,6 +13,12 @@
 // messages are still routed, but it takes no new proxies and gets no
 // replies.
 //
+// Direct dispatch (set_direct_dispatch): a transport's thread routes a
+// message itself, instead of queueing it, when nothing of that peer is
+// queued or being routed. Either way a peer's messages are routed one at a
+// time, in the order they arrived. Worker threads start with the first
+// message that has to be queued.
+//
 // Lock order: m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
 // ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
 // a proxy's mutex -> m_clientsMutex. Each field below names its lock.
@@ -54,7 +60,8 @@ class ProtocolLifeHandler {
 };
 
 // What a transport calls. Holds a raw back pointer to the engine that the
-// engine clears, under m_mutex, before it goes.
+// engine clears before it goes; clear() waits for the calls under way, none
+// of which holds m_mutex while the engine routes (a proxy may run there).
 class ProtocolTransportHandler : public TransportHandler {
   public:
     explicit ProtocolTransportHandler(Protocol* p) : m_protocol(p) {}
@@ -63,9 +70,24 @@ class ProtocolTransportHandler : public TransportHandler {
     void new_message(unsigned int client_id, Message<BufferMutable>& message) override;
     void clear();
 
+    // The engine, counted as in use until end_call; nullptr once cleared.
+    Protocol* begin_call();
+    void end_call();
+
   private:
     std::mutex m_mutex;
+    std::condition_variable m_idle;
     Protocol* m_protocol;  // guarded by m_mutex
+    size_t m_calls = 0;    // guarded by m_mutex
+};
+
+// Which messages a transport's thread may route itself (see above).
+enum class DirectDispatch {
+    kNever,     // every message goes through the workers
+    kFollowOn,  // messages to a proxy that exists already: a board, whose
+                // opening messages may start commands that block
+    kAlways,    // every message and a peer's loss: a client, whose proxies
+                // never block the thread that feeds them
 };
 
 class Protocol {
@@ -82,10 +104,12 @@ class Protocol {
         bool capLogged = false;  // guarded by mutex
     };
 
-    // Starts `workers` threads; 0 is a programming error.
+    // Up to `workers` threads, started when first needed; 0 is a
+    // programming error.
     explicit Protocol(size_t workers);
     // Stops every transport, drops queued messages, joins the workers, then
-    // tells the life handlers. Must not run on a worker thread.
+    // tells the life handlers. Must not run on a worker thread, nor on a
+    // transport's thread.
     ~Protocol();
     Protocol(const Protocol&) = delete;
     Protocol& operator=(const Protocol&) = delete;
@@ -132,6 +156,9 @@ class Protocol {
     // before the first message arrives.
     void set_worker_spin(std::chrono::microseconds spin) { m_spinMicros = spin.count(); }
 
+    // Set before the first transport is added.
+    void set_direct_dispatch(DirectDispatch mode) { m_direct = mode; }
+
     // Commands a peer may have open here at once. The opening message of one
     // more is answered as undeliverable (NO_HANDLER), so a peer that opens
     // commands and never finishes them cannot exhaust memory.
@@ -155,11 +182,11 @@ class Protocol {
         Message<BufferMutable> message;
         bool lost = false;  // the peer's loss, in order behind its messages
     };
-    struct WorkerInfo {
-        unsigned int index = 0;
-        std::shared_ptr<std::thread> thread;
-        bool busy = false;        // guarded by m_queueMutex
-        unsigned int client = 0;  // guarded by m_queueMutex
+    // What is under way for one peer: messages queued, and whether one is
+    // being routed (by a worker or directly). Absent when neither.
+    struct ClientLoad {
+        size_t queued = 0;
+        bool routing = false;
     };
 
     void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
@@ -170,10 +197,17 @@ class Protocol {
     // A connected or departing client; requires m_clientsMutex.
     std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr);
     void enqueue(ClientMessage item);
+    // Routes `item` on this thread if nothing of its peer is queued or being
+    // routed; false (and nothing done) otherwise.
+    bool route_directly(ClientMessage& item);
+    void route(ClientMessage& item);
+    // Requires m_queueMutex.
+    void start_workers_locked();
+    void finish_routing_locked(unsigned int client);
     // Tells the proxies of a departed client that it is gone; runs on a worker.
     void client_gone(unsigned int id);
-    void worker(unsigned int index);
-    std::list<ClientMessage>::iterator next_eligible(unsigned int index);
+    void worker();
+    std::list<ClientMessage>::iterator next_eligible();
     void reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
                           const Header& incoming);
 
@@ -203,9 +237,12 @@ class Protocol {
     std::atomic<size_t> m_queued{0};   // m_queue.size(), for workers that spin before parking
     std::atomic<long> m_spinMicros{0};
     std::atomic<size_t> m_maxHandlersPerClient{kDefaultMaxHandlersPerClient};
-    std::atomic<bool> m_stopping{false};  // lets a spinning worker see the end at once
-    bool m_running = true;                // m_queueMutex
-    std::vector<WorkerInfo> m_workers;    // busy/client: m_queueMutex
+    std::atomic<bool> m_stopping{false};        // lets a spinning worker see the end at once
+    bool m_running = true;                      // m_queueMutex
+    std::map<unsigned int, ClientLoad> m_load;  // m_queueMutex
+    const size_t m_workerCount;
+    std::vector<std::thread> m_workers;  // m_queueMutex; empty until first needed
+    std::atomic<DirectDispatch> m_direct{DirectDispatch::kNever};
 
     std::mutex m_proxyIdMutex;
     unsigned int m_lastProxyId = 0;  // m_proxyIdMutex

@@ -16,14 +16,8 @@ namespace {
 ProtoBufCleanup protoBufCleanup;
 }  // namespace
 
-Protocol::Protocol(size_t workers) {
+Protocol::Protocol(size_t workers) : m_workerCount(workers) {
     assert(workers != 0);
-    m_workers.resize(workers);
-    for (size_t i = 0; i < workers; ++i) {
-        m_workers[i].index = static_cast<unsigned int>(i);
-        m_workers[i].thread =
-            std::make_shared<std::thread>(&Protocol::worker, this, static_cast<unsigned int>(i));
-    }
 }
 
 Protocol::~Protocol() {
@@ -42,16 +36,18 @@ Protocol::~Protocol() {
         if (auto handler = weak.lock()) handler->clear();
     }
     m_stopping = true;
+    std::vector<std::thread> workers;
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_running = false;
         m_queue.clear();
         m_queued.store(0, std::memory_order_release);
+        workers.swap(m_workers);
     }
     m_queueCond.notify_all();
     for (auto& entry : transports) entry.first->stop_serve();
     transports.clear();
-    for (WorkerInfo& w : m_workers) w.thread->join();
+    for (std::thread& w : workers) w.join();
 
     std::vector<ProtocolLifeHandler*> handlers;
     {
@@ -146,7 +142,7 @@ void Protocol::delete_client(unsigned int id) {
         m_clientMap.erase(it);
     }
     ClientMessage loss{id, Message<BufferMutable>(), true};
-    enqueue(std::move(loss));
+    if (!route_directly(loss)) enqueue(std::move(loss));
 }
 
 void Protocol::client_gone(unsigned int id) {

@@ -105,9 +105,10 @@ void ProtocolV1::send_message(const Message<BufferConst>& message) {
     if (!m_splitWrites) {
         // One system call, no staging copy: the frame leaves as one segment.
         write_pieces(m_fd, frame.pieces().data(), frame.pieces().size());
-        return;
+    } else {
+        for (const iovec& piece : frame.pieces()) write_pieces(m_fd, &piece, 1);
     }
-    for (const iovec& piece : frame.pieces()) write_pieces(m_fd, &piece, 1);
+    m_reader->sent();
 }
 
 void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {
@@ -126,6 +127,10 @@ void ProtocolV1::set_wake_fd(int fd) {
 
 void ProtocolV1::set_quick_ack(bool on) {
     m_reader->set_quick_ack(on);
+}
+
+void ProtocolV1::before_blocking() {
+    m_reader->before_blocking();
 }
 
 bool ProtocolV1::at_end_of_stream() {

@@ -225,6 +225,7 @@ void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClie
         pollfd fds[2] = {{info->m_fd, POLLIN | POLLPRI | POLLERR | POLLNVAL, 0},
                          {m_wake->fd(), POLLIN, 0}};
         for (;;) {
+            info->m_protocol->before_blocking();
             const int r = poll(fds, 2, 1000);
             if (r > 0 && (fds[1].revents & POLLIN)) return;  // stop_serve
             if (r > 0 && (fds[0].revents & POLLNVAL)) {

@@ -36,7 +36,15 @@ void WakeEvent::reset() {
     [[maybe_unused]] ssize_t r = ::read(m_fd, &value, sizeof value);
 }
 
+void SocketReader::before_blocking() {
+    if (m_quickAck && m_ackOwed.exchange(false, std::memory_order_relaxed)) {
+        const int one = 1;
+        setsockopt(m_fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
+    }
+}
+
 void SocketReader::wait_readable() {
+    before_blocking();
     pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
     const nfds_t n = m_wakeFd >= 0 ? 2 : 1;
     for (;;) {
@@ -57,10 +65,7 @@ size_t SocketReader::read_some(char* dst, size_t n) {
         errno = 0;
         const ssize_t r = recv(m_fd, dst, n, MSG_DONTWAIT);
         if (r > 0) {
-            if (m_quickAck) {
-                const int one = 1;
-                setsockopt(m_fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
-            }
+            m_ackOwed.store(true, std::memory_order_relaxed);
             return static_cast<size_t>(r);
         }
         if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -103,6 +108,7 @@ bool SocketReader::at_end_of_stream() {
         const ssize_t r = recv(m_fd, m_buffer.get(), kBufferSize, MSG_DONTWAIT);
         if (r == 0) return true;
         if (r > 0) {
+            m_ackOwed.store(true, std::memory_order_relaxed);
             m_begin = 0;
             m_end = static_cast<size_t>(r);
             return false;

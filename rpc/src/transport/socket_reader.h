@@ -1,6 +1,7 @@
 // Buffered, interruptible reads from a blocking stream socket.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 
@@ -39,10 +40,14 @@ class SocketReader : public ByteSource {
 
     // While waiting for bytes, also watch this descriptor; -1 for none.
     void set_wake_fd(int fd) { m_wakeFd = fd; }
-    // Re-arm TCP quick acknowledgements after every read, so that a peer that
-    // writes a frame in pieces without TCP_NODELAY is not held up by our
-    // delayed ACK.
+    // Acknowledge at once, before blocking, bytes that no send of ours has
+    // acknowledged yet, so that a peer that writes a frame in pieces without
+    // TCP_NODELAY is not held up by our delayed ACK.
     void set_quick_ack(bool on) { m_quickAck = on; }
+    // Called by the reader before it blocks (wait_readable does it itself).
+    void before_blocking();
+    // Called after each send, from any thread: the segment carried the ACK.
+    void sent() { m_ackOwed.store(false, std::memory_order_relaxed); }
     // Longest wait for the next bytes, after which a read throws
     // SimpleSocketException; -1 (the default) waits for as long as it takes.
     void set_wait_limit_ms(int ms) { m_waitLimitMs = ms; }
@@ -63,6 +68,7 @@ class SocketReader : public ByteSource {
     int m_fd;
     int m_wakeFd = -1;
     bool m_quickAck = false;
+    std::atomic<bool> m_ackOwed{false};  // bytes read since our last send
     int m_waitLimitMs = -1;
     std::unique_ptr<char[]> m_buffer;
     size_t m_begin = 0;

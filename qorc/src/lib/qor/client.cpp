@@ -7,8 +7,9 @@
 namespace qor {
 
 Client::Client() : m_protocol(new orvi::Protocol(1)) {
-    // One worker, one command at a time: catch each answer without a wake-up.
-    m_protocol->set_worker_spin(std::chrono::microseconds(200));
+    // Answers are routed by the connection's reader thread as they arrive:
+    // our proxies only record them and wake the waiting caller.
+    m_protocol->set_direct_dispatch(orvi::DirectDispatch::kAlways);
 }
 
 Client::~Client() {

@@ -60,7 +60,8 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
         if (m_length == 0) throw orvi::ProxyCommandException("Error, file is empty!");
         m_lengthDone = 0;
         // Ready before the request leaves: the first NEXT may come back at once.
-        m_buffer.reset(new char[kSysupgradeChunkSize]);
+        m_buffer.reset(new char[kReadBlock]);
+        m_bufferBegin = m_bufferEnd = 0;
         m_finished = false;
     }
     request.set_fw_size(m_length);
@@ -97,12 +98,17 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
         std::lock_guard<std::mutex> lock(m_transferMutex);
         // A NEXT after the whole image has been sent asks for nothing.
         if (m_finished || m_lengthDone >= m_length) return;
-        // Never more than announced, even from a file that grows meanwhile.
-        m_file.read(m_buffer.get(),
-                    std::min<uint32_t>(m_length - m_lengthDone, kSysupgradeChunkSize));
-        const auto chunk = static_cast<uint32_t>(m_file.gcount());
+        if (m_bufferBegin == m_bufferEnd) {
+            // Never more than announced, even from a file that grows meanwhile.
+            m_file.read(m_buffer.get(), std::min<uint32_t>(m_length - m_lengthDone, kReadBlock));
+            m_bufferBegin = 0;
+            m_bufferEnd = static_cast<size_t>(m_file.gcount());
+        }
+        const auto chunk =
+            static_cast<uint32_t>(std::min(m_bufferEnd - m_bufferBegin, kSysupgradeChunkSize));
         m_lengthDone += chunk;
-        send_message(m_buffer.get(), chunk);
+        send_message(m_buffer.get() + m_bufferBegin, chunk);
+        m_bufferBegin += chunk;
         {
             std::lock_guard<std::mutex> handlerLock(m_mutex);
             if (m_handler) {

@@ -19,7 +19,7 @@ constexpr const char* kSysupgradeMarkerFile = "/tmp/qor_sysupgrade";
 constexpr size_t kSysupgradeChunkSize = 4096;
 
 // The upload command. The board paces it: each NEXT answer asks for one
-// 4096-byte chunk, which the worker reads from the file and sends at once,
+// 4096-byte chunk, which is sent at once from where the answer is routed,
 // so one chunk is in flight and the image is never held whole.
 class Sysupgrade : public orvi::ProxyCommandClient {
   public:
@@ -48,7 +48,11 @@ class Sysupgrade : public orvi::ProxyCommandClient {
     std::ifstream m_file;
     uint32_t m_length = 0;
     uint32_t m_lengthDone = 0;
+    // The image is read 64 KiB at a time, and sent from there a chunk at a
+    // time: one read of the file for every 16 chunks.
+    static constexpr size_t kReadBlock = 64 * 1024;
     std::unique_ptr<char[]> m_buffer;
+    size_t m_bufferBegin = 0, m_bufferEnd = 0;
     std::unique_ptr<std::thread> m_dummyWorker;
     std::atomic<bool> m_dummyRunning{false};
 };

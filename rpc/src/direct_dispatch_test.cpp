@@ -1,0 +1,159 @@
+// Direct dispatch: a transport's thread routes a peer's message itself only
+// when nothing of that peer is queued or being routed, so that order and
+// one-at-a-time hold whichever thread routes.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "orvi/protocol.h"
+#include "orvi/transport_simple_socket_client.h"
+#include "orvi/transport_simple_socket_server.h"
+
+namespace orvi {
+namespace {
+
+// What a handler saw: each body with the thread that routed it, and whether
+// two ever overlapped.
+struct Journal {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::thread::id>> seen;
+    bool overlap = false;
+    int inside = 0;
+    std::promise<void> openMayFinish;
+};
+Journal* g_journal = nullptr;
+
+// Holds its opening message until the test lets it go; answers every
+// message with its body, and finishes on "end".
+struct Tracked : ProxyCommandHandler {
+    using ProxyCommandHandler::ProxyCommandHandler;
+    void process_message(const char* data, unsigned int size) override {
+        Journal& j = *g_journal;
+        const std::string body(data, size);
+        {
+            std::lock_guard<std::mutex> lock(j.mutex);
+            j.overlap |= ++j.inside > 1;
+            j.seen.emplace_back(body, std::this_thread::get_id());
+        }
+        if (body == "open") j.openMayFinish.get_future().wait();
+        {
+            std::lock_guard<std::mutex> lock(j.mutex);
+            --j.inside;
+        }
+        send_message(data, size);
+        if (body == "end") set_done();
+    }
+};
+
+// Sends several messages of one command and counts the answers.
+struct Stream : ProxyCommandClient {
+    using ProxyCommandClient::ProxyCommandClient;
+    std::mutex mutex;
+    std::condition_variable cond;
+    std::vector<std::string> answers;
+    void process_message(const char* data, unsigned int size) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        answers.emplace_back(data, size);
+        cond.notify_all();
+    }
+    void send(const std::string& body) {
+        send_message(body.data(), static_cast<unsigned int>(body.size()));
+    }
+    bool wait_answers(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cond.wait_for(lock, std::chrono::seconds(10), [&] { return answers.size() >= n; });
+    }
+};
+
+struct Pair {
+    Protocol server{1};
+    Protocol client{1};
+    std::shared_ptr<TransportSimpleSocketServer> listening;
+    Pair() {
+        server.set_direct_dispatch(DirectDispatch::kFollowOn);
+        client.set_direct_dispatch(DirectDispatch::kAlways);
+        server.add_command("tracked", std::make_shared<ProxyFactoryTpl<Tracked>>());
+        listening = std::make_shared<TransportSimpleSocketServer>("127.0.0.1", "0");
+        listening->listen();
+        server.add_transport(listening);
+        auto t = std::make_shared<TransportSimpleSocketClient>(
+            "127.0.0.1", std::to_string(listening->local_port()));
+        t->connect(0);
+        client.add_transport(t);
+    }
+};
+
+TEST(DirectDispatch, QueuedBehindABusyWorkerThenRoutedByTheReader) {
+    Journal journal;
+    g_journal = &journal;
+    Pair engines;
+    auto stream = engines.client.create_command_proxy<Stream>("tracked");
+    // The opening message goes to a worker and stays there; what follows
+    // meanwhile must queue behind it, not overtake it on the reader.
+    stream->send("open");
+    stream->send("a");
+    stream->send("b");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    journal.openMayFinish.set_value();
+    ASSERT_TRUE(stream->wait_answers(3));
+    // With nothing under way, the next one is routed where it is read.
+    stream->send("end");
+    stream->wait();
+    ASSERT_EQ(stream->answers, (std::vector<std::string>{"open", "a", "b", "end"}));
+
+    std::lock_guard<std::mutex> lock(journal.mutex);
+    ASSERT_EQ(journal.seen.size(), 4u);
+    EXPECT_FALSE(journal.overlap);
+    const std::thread::id worker = journal.seen[0].second;
+    EXPECT_EQ(journal.seen[1].second, worker);
+    EXPECT_EQ(journal.seen[2].second, worker);
+    EXPECT_NE(journal.seen[3].second, worker);
+    EXPECT_NE(journal.seen[3].second, std::this_thread::get_id());
+}
+
+TEST(DirectDispatch, ManyShortCommandsInARow) {
+    Journal journal;
+    g_journal = &journal;
+    journal.openMayFinish.set_value();
+    Pair engines;
+    for (int i = 0; i < 200; ++i) {
+        auto stream = engines.client.create_command_proxy<Stream>("tracked");
+        stream->send("x" + std::to_string(i));
+        stream->send("end");
+        stream->wait();
+        ASSERT_EQ(stream->answers.size(), 2u);
+        EXPECT_EQ(stream->answers[0], "x" + std::to_string(i));
+    }
+    EXPECT_EQ(engines.client.stats().proxiesActive, 0u);
+    EXPECT_EQ(engines.server.stats().proxiesActive, 0u);
+}
+
+TEST(DirectDispatch, TheEngineWaitsForARouteUnderWay) {
+    Journal journal;
+    g_journal = &journal;
+    std::unique_ptr<Pair> engines(new Pair);
+    auto stream = engines->client.create_command_proxy<Stream>("tracked");
+    stream->send("first");
+    ASSERT_TRUE(stream->wait_answers(1));
+    // Routed directly (a follow-on with nothing under way), and held there.
+    stream->send("open");
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+        std::lock_guard<std::mutex> lock(journal.mutex);
+        if (journal.seen.size() == 2) break;
+    }
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        journal.openMayFinish.set_value();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    engines.reset();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
+    release.join();
+    EXPECT_EQ(journal.inside, 0);
+}
+
+}  // namespace
+}  // namespace orvi
