@@ -18,7 +18,9 @@ class ReadTurn {
     explicit ReadTurn(std::chrono::milliseconds idle)
         : m_idle(idle), m_lastCaller(std::chrono::steady_clock::now()) {}
 
-    // Reader thread: waits for its turn; false once stopped.
+    // Reader thread: waits for its turn; false once stopped. It looks again
+    // after each idle spell rather than being told, so that a caller's turn
+    // ends without waking it.
     bool reader_begin() {
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
@@ -31,14 +33,14 @@ class ReadTurn {
                 }
                 m_cond.wait_until(lock, readyAt);
             } else {
-                m_cond.wait(lock);
+                m_cond.wait_for(lock, m_idle);
             }
         }
     }
     void reader_end() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readerReading = false;
-        m_cond.notify_all();
+        if (m_callersWaiting != 0) m_cond.notify_all();
     }
 
     // Caller: takes the turn, calling `wake_reader` (with no lock held) when
@@ -59,7 +61,7 @@ class ReadTurn {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_callerReading = false;
         m_lastCaller = std::chrono::steady_clock::now();
-        m_cond.notify_all();
+        if (m_callersWaiting != 0) m_cond.notify_all();
     }
 
     void stop() {
