@@ -158,6 +158,10 @@ class Protocol {
 
     // Set before the first transport is added.
     void set_direct_dispatch(DirectDispatch mode) { m_direct = mode; }
+    // Whether a waiting caller may read its connection itself (see
+    // Transport::read_until): only where every message is routed on the
+    // thread that reads it, so that its answer cannot end up elsewhere.
+    bool caller_reads() const { return m_direct.load() == DirectDispatch::kAlways; }
 
     // Commands a peer may have open here at once. The opening message of one
     // more is answered as undeliverable (NO_HANDLER), so a peer that opens

@@ -66,7 +66,8 @@ class ProxyCommand : public Proxy {
 };
 
 // The calling side. The application thread sends and then blocks in wait();
-// answers reach process_message on a worker thread.
+// answers reach process_message on the thread that routes them: a worker,
+// the connection's reader, or the waiting application thread itself.
 class ProxyCommandClient : public ProxyCommand {
   public:
     using ProxyCommand::ProxyCommand;

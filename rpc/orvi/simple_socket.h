@@ -43,6 +43,8 @@ class ProtocolBase {
     virtual void set_quick_ack(bool) {}
     // Called by the reader before it blocks waiting for the next frame.
     virtual void before_blocking() {}
+    // Reads block in the receive itself (see SocketReader::set_blocking).
+    virtual void set_blocking_reads(bool) {}
     // Write the count, each length and each data block with a write of its
     // own, as some peers do; the bytes on the wire are the same.
     virtual void set_split_writes(bool) {}
@@ -60,6 +62,7 @@ class ProtocolV1 : public ProtocolBase {
     void set_wake_fd(int fd) override;
     void set_quick_ack(bool on) override;
     void before_blocking() override;
+    void set_blocking_reads(bool on) override;
     void set_split_writes(bool on) override { m_splitWrites = on; }
     // True when the peer closed between two frames.
     bool at_end_of_stream();

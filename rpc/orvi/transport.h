@@ -1,6 +1,7 @@
 // The interfaces between the engine and any transport.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "orvi/message.h"
@@ -14,8 +15,9 @@ enum class Fork { PREPARE, PARENT, CHILD };
 
 // How a transport reports to the engine. new_client runs on the thread that
 // starts serving (client side) or on the accepting thread (server side);
-// new_message and delete_client run on the connection's reader thread, or on
-// whichever thread drops the last reference to a connection record.
+// new_message and delete_client run on the connection's reader thread (or a
+// caller in read_until), or on whichever thread drops the last reference to a
+// connection record.
 // delete_client may be told twice for one id and must tolerate it.
 class TransportHandler {
   public:
@@ -35,6 +37,14 @@ class Transport {
     virtual bool is_server() const { return false; }
     virtual void send_message(unsigned int client_id, const Message<BufferConst>& message) = 0;
     virtual void notify_fork(Fork) {}
+    // Reads and delivers incoming messages on the calling thread until
+    // done() is true, for a caller that waits for its answer and whose engine
+    // routes on the reading thread. False, with nothing done, when the
+    // transport does not offer it (the caller then waits as usual).
+    virtual bool read_until(const std::function<bool()>& done) {
+        (void)done;
+        return false;
+    }
 };
 
 // A transport with exactly one peer; the client id of a send is ignored.

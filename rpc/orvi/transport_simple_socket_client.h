@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,14 +16,26 @@ namespace orvi {
 
 namespace simple_socket {
 class WakeEvent;
-}
+class ReadTurn;
+}  // namespace simple_socket
 
 // Threading: connect, start_serve, stop_serve and disconnect are called by
 // the owner's thread; send_message may be called from any thread, also while
 // the owner disconnects (it then throws "TransportSocket not connected").
-// Incoming frames are read and delivered on the one reader thread that
-// start_serve starts. Sends are whole-frame atomic (the connection record
-// serialises them).
+// Sends are whole-frame atomic (the connection record serialises them).
+//
+// Who reads: one thread at a time, in turn (simple_socket::ReadTurn).
+//  - A caller in read_until, while it waits for its own answer: it blocks in
+//    the read itself and delivers every frame that comes, in order, on its
+//    own thread, until its answer is in. It takes the turn at once, bringing
+//    the reader thread out of its wait if need be.
+//  - Otherwise the reader thread that start_serve starts, once the socket has
+//    had no caller for kIdleBeforeReader: it watches an idle connection, so
+//    that a peer's loss or an unasked message is seen without a caller.
+// A frame that one of them has begun is finished by the next; a loss found
+// by either is reported once. stop_serve stops the reader thread; it does not
+// interrupt a caller blocked in read_until (the owner stops only between
+// commands).
 //
 // connect(timeout) with a positive timeout bounds the whole attempt, the
 // TCP connection and the handshake answer alike, by that many seconds.
@@ -43,6 +56,9 @@ class TransportSimpleSocketClient : public TransportClient {
     void disconnect() override;
     using TransportClient::send_message;
     void send_message(const Message<BufferConst>& message) override;
+    bool read_until(const std::function<bool()>& done) override;
+
+    static constexpr std::chrono::milliseconds kIdleBeforeReader{20};
 
     // Forward to the framing loops.
     static void write(int fd, const char* data, unsigned int size);
@@ -57,7 +73,8 @@ class TransportSimpleSocketClient : public TransportClient {
     std::string m_bind;
 
   private:
-    void worker(std::shared_ptr<simple_socket::InfoClient> info);
+    void worker(std::shared_ptr<simple_socket::InfoClient> info,
+                std::shared_ptr<simple_socket::ReadTurn> turn);
     std::shared_ptr<simple_socket::InfoClient> socket() const;
     // Empties m_socketPtr and hands the record out, to be released with no
     // lock held: its destructor reports the lost client to the handler. A
@@ -71,8 +88,13 @@ class TransportSimpleSocketClient : public TransportClient {
     // Written by the owner, read by the reader thread.
     std::atomic<bool> m_running{false};
     std::weak_ptr<TransportHandler> m_handler;
-    // Wakes the reader at once on stop_serve.
+    // Wakes the reader at once on stop_serve, or when a caller wants to read.
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
+    // The turn to read, made anew by start_serve; guarded by m_socketMutex.
+    std::shared_ptr<simple_socket::ReadTurn> m_turn;
+    // The reader failed or the peer is gone: logs `line` (unless null) and
+    // tells the handler, once.
+    void report_broken(const std::shared_ptr<simple_socket::InfoClient>& info, const char* line);
 };
 
 }  // namespace orvi

@@ -125,6 +125,13 @@ void ProxyCommandClient::client_lost(const std::string& reason) {
 }
 
 void ProxyCommandClient::wait() {
+    // Where the engine routes on the reading thread, the waiting thread reads
+    // the connection itself: its answer needs no hand-off to reach it.
+    if (!m_ended.load(std::memory_order_acquire) && protocol().caller_reads()) {
+        if (std::shared_ptr<Transport> transport = protocol().get_proxy_transport(*info())) {
+            transport->read_until([this] { return m_ended.load(std::memory_order_acquire); });
+        }
+    }
     // Most answers come back within a short round trip; catch them without
     // parking the thread.
     spin_until([this] { return m_ended.load(std::memory_order_acquire); },

@@ -133,6 +133,10 @@ void ProtocolV1::before_blocking() {
     m_reader->before_blocking();
 }
 
+void ProtocolV1::set_blocking_reads(bool on) {
+    m_reader->set_blocking(on);
+}
+
 bool ProtocolV1::at_end_of_stream() {
     return m_reader->at_end_of_stream();
 }

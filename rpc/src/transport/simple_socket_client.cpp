@@ -14,6 +14,7 @@
 
 #include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_client.h"
+#include "transport/read_turn.h"
 #include "transport/socket_reader.h"
 
 namespace orvi {
@@ -197,12 +198,23 @@ void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHan
     if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
     m_wake->reset();
     info->m_protocol->set_wake_fd(m_wake->fd());
+    auto turn = std::make_shared<simple_socket::ReadTurn>(kIdleBeforeReader);
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        m_turn = turn;
+    }
     m_running = true;
-    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info));
+    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info), turn);
 }
 
 void TransportSimpleSocketClient::stop_serve() {
     m_running = false;
+    std::shared_ptr<simple_socket::ReadTurn> turn;
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        turn = m_turn;
+    }
+    if (turn) turn->stop();
     if (m_wake) m_wake->signal();
     if (m_thread.joinable()) m_thread.join();
     m_thread = std::thread();
@@ -219,38 +231,95 @@ void TransportSimpleSocketClient::send_message(const Message<BufferConst>& messa
     info->send(message);
 }
 
-void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info) {
+void TransportSimpleSocketClient::report_broken(
+    const std::shared_ptr<simple_socket::InfoClient>& info, const char* line) {
+    // Whoever finds the loss first reports it; the other sees m_running off.
+    if (!m_running.exchange(false)) return;
+    if (line) log_error(line);
+    info->m_handler->delete_client(info->m_id);
+}
+
+bool TransportSimpleSocketClient::read_until(const std::function<bool()>& done) {
+    std::shared_ptr<simple_socket::InfoClient> info;
+    std::shared_ptr<simple_socket::ReadTurn> turn;
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        info = m_socketPtr;
+        turn = m_turn;
+    }
+    if (!info || !turn || !m_running) return false;
+    turn->caller_begin([this] { m_wake->signal(); });
+    if (!m_running) {
+        turn->caller_end();
+        return false;
+    }
+    info->m_protocol->set_blocking_reads(true);
+    std::string failure;
+    try {
+        while (!done()) info->m_protocol->recv_message(info);
+    } catch (const std::exception& e) {
+        failure = std::string("Worker got exception: ") + e.what();
+    } catch (...) {
+        failure = "Worker got unknown exception";
+    }
+    info->m_protocol->set_blocking_reads(false);
+    turn->caller_end();
+    if (!failure.empty()) report_broken(info, failure.c_str());
+    return true;
+}
+
+void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info,
+                                         std::shared_ptr<simple_socket::ReadTurn> turn) {
     if (!m_running) return;
     try {
         pollfd fds[2] = {{info->m_fd, POLLIN | POLLPRI | POLLERR | POLLNVAL, 0},
                          {m_wake->fd(), POLLIN, 0}};
-        for (;;) {
-            info->m_protocol->before_blocking();
-            const int r = poll(fds, 2, 1000);
-            if (r > 0 && (fds[1].revents & POLLIN)) return;  // stop_serve
-            if (r > 0 && (fds[0].revents & POLLNVAL)) {
-                if (!m_running) return;
-                info->m_handler->delete_client(info->m_id);
-                return;
-            }
-            if (r > 0 && fds[0].revents != 0) {
-                // Frames that arrived in one read are delivered before the
-                // next poll, which cannot see them.
-                do {
-                    info->m_protocol->recv_message(info);
-                } while (info->m_protocol->buffered() != 0 && m_running);
-            }
+        while (turn->reader_begin()) {
+            // Ends the turn however this round ends.
+            struct TurnEnd {
+                simple_socket::ReadTurn& turn;
+                ~TurnEnd() { turn.reader_end(); }
+            } end{*turn};
             if (!m_running) return;
+            try {
+                // Frames that a caller read but did not need are delivered
+                // first: the poll below cannot see them.
+                while (info->m_protocol->buffered() != 0 && m_running) {
+                    info->m_protocol->recv_message(info);
+                }
+                info->m_protocol->before_blocking();
+                const int r = poll(fds, 2, 1000);
+                if (r > 0 && (fds[1].revents & POLLIN)) {
+                    // stop_serve, or a caller that wants the socket.
+                    if (!m_running) return;
+                    m_wake->reset();
+                    continue;
+                }
+                if (r > 0 && (fds[0].revents & POLLNVAL)) {
+                    if (m_running) report_broken(info, nullptr);
+                    return;
+                }
+                if (r > 0 && fds[0].revents != 0) {
+                    // Frames that arrived in one read are delivered before
+                    // the next poll, which cannot see them.
+                    do {
+                        info->m_protocol->recv_message(info);
+                    } while (info->m_protocol->buffered() != 0 && m_running);
+                }
+            } catch (const simple_socket::ReadInterrupted&) {
+                // In the middle of a frame: the decoder keeps what it has,
+                // and whoever reads next goes on from the same byte.
+                if (!m_running) return;
+                m_wake->reset();
+            }
         }
-    } catch (const simple_socket::ReadInterrupted&) {
-        return;
+        return;  // stopped
     } catch (const std::exception& e) {
-        log_error(std::string("Worker got exception: ") + e.what());
+        if (m_running)
+            report_broken(info, (std::string("Worker got exception: ") + e.what()).c_str());
     } catch (...) {
-        log_error("Worker got unknown exception");
+        if (m_running) report_broken(info, "Worker got unknown exception");
     }
-    m_running = false;
-    info->m_handler->delete_client(info->m_id);
 }
 
 }  // namespace orvi

@@ -61,9 +61,10 @@ void SocketReader::wait_readable() {
 
 size_t SocketReader::read_some(char* dst, size_t n) {
     for (;;) {
+        if (m_blocking) before_blocking();
         // A closed peer leaves errno untouched; start from a known value.
         errno = 0;
-        const ssize_t r = recv(m_fd, dst, n, MSG_DONTWAIT);
+        const ssize_t r = recv(m_fd, dst, n, m_blocking ? 0 : MSG_DONTWAIT);
         if (r > 0) {
             m_ackOwed.store(true, std::memory_order_relaxed);
             return static_cast<size_t>(r);

@@ -48,6 +48,9 @@ class SocketReader : public ByteSource {
     void before_blocking();
     // Called after each send, from any thread: the segment carried the ACK.
     void sent() { m_ackOwed.store(false, std::memory_order_relaxed); }
+    // Block in the receive itself instead of polling first (for a caller that
+    // waits for its answer; it cannot be woken by the wake descriptor).
+    void set_blocking(bool on) { m_blocking = on; }
     // Longest wait for the next bytes, after which a read throws
     // SimpleSocketException; -1 (the default) waits for as long as it takes.
     void set_wait_limit_ms(int ms) { m_waitLimitMs = ms; }
@@ -68,6 +71,7 @@ class SocketReader : public ByteSource {
     int m_fd;
     int m_wakeFd = -1;
     bool m_quickAck = false;
+    bool m_blocking = false;
     std::atomic<bool> m_ackOwed{false};  // bytes read since our last send
     int m_waitLimitMs = -1;
     std::unique_ptr<char[]> m_buffer;

@@ -1,0 +1,119 @@
+// A caller that reads its own answer (TransportSimpleSocketClient::read_until
+// through a client engine that routes where it reads): it takes the socket
+// from the reader thread, goes on from the same byte, and reports a loss once.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "orvi/protocol.h"
+#include "orvi/transport_simple_socket_client.h"
+#include "testing/raw_peer.h"
+
+namespace orvi {
+namespace {
+
+using testing::hex;
+using testing::RawConnection;
+
+struct Call : ProxyCommandClient {
+    using ProxyCommandClient::ProxyCommandClient;
+    std::string reply;
+    std::thread::id routedOn;
+    void process_message(const char* data, unsigned int size) override {
+        reply.assign(data, size);
+        routedOn = std::this_thread::get_id();
+    }
+};
+
+// A client engine that routes on the reading thread, and a raw board.
+struct Session {
+    testing::RawListener listener;
+    std::unique_ptr<RawConnection> board;  // outlives the engine
+    Protocol protocol{1};
+    Session() {
+        protocol.set_direct_dispatch(DirectDispatch::kAlways);
+        std::thread accept([&] {
+            board = std::make_unique<RawConnection>(listener.accept_one());
+            board->read(2);
+            board->write(hex("01"));
+        });
+        auto t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+        t->connect(0);
+        protocol.add_transport(t);
+        accept.join();
+    }
+    // Reads the opening frame of command `name` with an empty body.
+    void read_opening(const std::string& name) {
+        const std::string header = hex("08 00 10 01 1a") + char(name.size()) + name;
+        const std::string frame =
+            hex("03 000000") + char(header.size()) + header + hex("00000002 0800 00000000");
+        ASSERT_EQ(board->read(frame.size()), frame);
+    }
+};
+
+// Header{COMMAND, source 5, dest 1}, CommandHeader{DONE}, "hi".
+const std::string kAnswer = hex("03 00000006 0800 1005 2001 00000002 0801 00000002 6869");
+
+TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
+    Session s;
+    std::thread board([&] {
+        s.read_opening("ask");
+        // Late enough that the caller is waiting: an answer that comes
+        // before is the reader thread's to deliver.
+        usleep(50000);
+        s.board->write(kAnswer);
+    });
+    auto call = s.protocol.create_command_proxy<Call>("ask");
+    call->send_message(nullptr, 0);
+    call->wait();
+    board.join();
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(call->routedOn, std::this_thread::get_id());
+}
+
+TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
+    Session s;
+    // Idle long enough for the reader thread to watch the socket; it reads
+    // the start of a frame (a refusal for nobody) and waits for the rest.
+    usleep(100000);
+    const std::string refusal = hex("01 00000004 0801 2063");
+    s.board->write(refusal.substr(0, 3));
+    usleep(50000);
+    std::thread board([&] {
+        s.read_opening("ask");
+        s.board->write(refusal.substr(3) + kAnswer);
+    });
+    auto call = s.protocol.create_command_proxy<Call>("ask");
+    call->send_message(nullptr, 0);
+    call->wait();
+    board.join();
+    EXPECT_EQ(call->reply, "hi");
+}
+
+TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
+    Session s;
+    std::thread board([&] {
+        s.read_opening("ask");
+        s.board->close();
+    });
+    ::testing::internal::CaptureStderr();
+    auto call = s.protocol.create_command_proxy<Call>("ask");
+    call->send_message(nullptr, 0);
+    std::string error;
+    try {
+        call->wait();
+    } catch (const ProxyCommandException& e) {
+        error = e.what();
+    }
+    board.join();
+    usleep(100000);  // the reader thread's turn comes and goes
+    EXPECT_EQ(error, "Connection lost");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clientsActive, 0u);
+}
+
+}  // namespace
+}  // namespace orvi
