@@ -195,16 +195,23 @@ void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHan
     info->m_id = handler->new_client(*this);
     info->m_handler = handler;
 
-    if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
-    m_wake->reset();
-    info->m_protocol->set_wake_fd(m_wake->fd());
     auto turn = std::make_shared<simple_socket::ReadTurn>(kIdleBeforeReader);
     {
         std::lock_guard<std::mutex> lock(m_socketMutex);
         m_turn = turn;
     }
     m_running = true;
+    // Callers read with blocking reads of their own and need no wake event.
+    if (!m_idleReader) return;
+    if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
+    m_wake->reset();
+    info->m_protocol->set_wake_fd(m_wake->fd());
     m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info), turn);
+}
+
+void TransportSimpleSocketClient::set_idle_reader(bool on) {
+    assert(!m_thread.joinable());
+    m_idleReader = on;
 }
 
 void TransportSimpleSocketClient::stop_serve() {
@@ -248,7 +255,9 @@ bool TransportSimpleSocketClient::read_until(const std::function<bool()>& done) 
         turn = m_turn;
     }
     if (!info || !turn || !m_running) return false;
-    turn->caller_begin([this] { m_wake->signal(); });
+    turn->caller_begin([this] {
+        if (m_wake) m_wake->signal();
+    });
     if (!m_running) {
         turn->caller_end();
         return false;
