@@ -1,5 +1,8 @@
 #include "raw_wire.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -113,6 +116,12 @@ bool find_varint(const std::string& bytes, uint32_t field, uint64_t& value) {
 bool FrameReader::read_exact(char* out, size_t n) {
     while (n > 0) {
         if (m_begin == m_end) {
+            // Mid-frame, a peer that writes a frame in pieces with Nagle on
+            // sends the rest only once the first piece is acknowledged.
+            if (m_midFrame) {
+                const int one = 1;
+                setsockopt(m_fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
+            }
             const ssize_t got = read(m_fd, m_buffer.data(), m_buffer.size());
             if (got < 0 && errno == EINTR) continue;
             if (got <= 0) return false;
@@ -130,7 +139,9 @@ bool FrameReader::read_exact(char* out, size_t n) {
 
 bool FrameReader::next(std::vector<std::string>& parts) {
     unsigned char count = 0;
+    m_midFrame = false;
     if (!read_exact(reinterpret_cast<char*>(&count), 1)) return false;
+    m_midFrame = true;
     parts.resize(count);
     for (std::string& part : parts) {
         unsigned char be[4];

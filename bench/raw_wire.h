@@ -52,6 +52,7 @@ class FrameReader {
     int m_fd;
     std::vector<char> m_buffer;
     size_t m_begin = 0, m_end = 0;
+    bool m_midFrame = false;  // a frame's first byte is read, not its last
 };
 
 // Writes one frame of the given parts (wire order) with a single writev, or

@@ -32,6 +32,8 @@ class ReadTurn;
 //  - Otherwise the reader thread that start_serve starts, once the socket has
 //    had no caller for kIdleBeforeReader: it watches an idle connection, so
 //    that a peer's loss or an unasked message is seen without a caller.
+//    With set_idle_reader(false) there is no reader thread: whatever comes
+//    between calls, frames or the loss, waits for the next caller.
 // A frame that one of them has begun is finished by the next; a loss found
 // by either is reported once. stop_serve stops the reader thread; it does not
 // interrupt a caller blocked in read_until (the owner stops only between
@@ -57,6 +59,12 @@ class TransportSimpleSocketClient : public TransportClient {
     using TransportClient::send_message;
     void send_message(const Message<BufferConst>& message) override;
     bool read_until(const std::function<bool()>& done) override;
+
+    // Whether a reader thread watches the connection between calls; on by
+    // default. Off suits a program that runs its commands back to back and
+    // exits: it starts no thread, and a loss between two calls is found by
+    // the second. Called by the owner before start_serve.
+    void set_idle_reader(bool on);
 
     static constexpr std::chrono::milliseconds kIdleBeforeReader{20};
 
@@ -87,6 +95,7 @@ class TransportSimpleSocketClient : public TransportClient {
     std::thread m_thread;
     // Written by the owner, read by the reader thread.
     std::atomic<bool> m_running{false};
+    bool m_idleReader = true;  // the owner's
     std::weak_ptr<TransportHandler> m_handler;
     // Wakes the reader at once on stop_serve, or when a caller wants to read.
     std::unique_ptr<simple_socket::WakeEvent> m_wake;

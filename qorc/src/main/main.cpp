@@ -38,6 +38,8 @@ int main(int argc, char** argv) {
     const std::string url = "tcp://" + host + ":" + port;
 
     qor::Client client;
+    // One command, then exit: there is no idle spell worth a reader thread.
+    client.set_idle_watch(false);
     try {
         client.connect(host, port, args.bind, 0);
         return dispatch(client, args, url);

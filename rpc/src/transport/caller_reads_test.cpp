@@ -1,6 +1,7 @@
 // A caller that reads its own answer (TransportSimpleSocketClient::read_until
 // through a client engine that routes where it reads): it takes the socket
 // from the reader thread, goes on from the same byte, and reports a loss once.
+#include <dirent.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -32,7 +33,7 @@ struct Session {
     testing::RawListener listener;
     std::unique_ptr<RawConnection> board;  // outlives the engine
     Protocol protocol{1};
-    Session() {
+    explicit Session(bool idleReader = true) {
         protocol.set_direct_dispatch(DirectDispatch::kAlways);
         std::thread accept([&] {
             board = std::make_unique<RawConnection>(listener.accept_one());
@@ -40,6 +41,7 @@ struct Session {
             board->write(hex("01"));
         });
         auto t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+        t->set_idle_reader(idleReader);
         t->connect(0);
         protocol.add_transport(t);
         accept.join();
@@ -109,6 +111,56 @@ TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
     }
     board.join();
     usleep(100000);  // the reader thread's turn comes and goes
+    EXPECT_EQ(error, "Connection lost");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clientsActive, 0u);
+}
+
+size_t thread_count() {
+    size_t n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (readdir(dir)) ++n;
+        closedir(dir);
+    }
+    return n;
+}
+
+// Without an idle reader, what comes between calls waits for the next caller,
+// who delivers it in order before its own answer.
+TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
+    const size_t before = thread_count();
+    Session s(false);
+    EXPECT_EQ(thread_count(), before);             // no reader, and workers start when needed
+    s.board->write(hex("01 00000004 0801 2063"));  // a refusal for nobody
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().messagesProcessed, 0u);
+    std::thread board([&] {
+        s.read_opening("ask");
+        s.board->write(kAnswer);
+    });
+    auto call = s.protocol.create_command_proxy<Call>("ask");
+    call->send_message(nullptr, 0);
+    call->wait();
+    board.join();
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(s.protocol.stats().messagesProcessed, 2u);  // the refusal, then the answer
+}
+
+TEST(CallerReads, WithoutAnIdleReaderALossBetweenCallsIsFoundByTheNextOne) {
+    Session s(false);
+    s.board->close();
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().clientsActive, 1u);  // nobody has looked yet
+    ::testing::internal::CaptureStderr();
+    auto call = s.protocol.create_command_proxy<Call>("ask");
+    std::string error;
+    try {
+        call->send_message(nullptr, 0);
+        call->wait();
+    } catch (const ProxyCommandException& e) {
+        error = e.what();
+    }
     EXPECT_EQ(error, "Connection lost");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "Worker got exception: Failed to read data from server: Success\n");

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -43,6 +44,23 @@ void set_nonblocking(int fd, bool on) {
 // only the link itself then tells them apart.
 bool names_interface(const std::string& bind) {
     return bind.size() < IFNAMSIZ && if_nametoindex(bind.c_str()) != 0;
+}
+
+// A dotted-quad IPv4 address and a plain decimal port: the common case,
+// which needs neither the resolver nor its start-up cost. Anything else,
+// even another numeric form, is left to getaddrinfo.
+bool parse_ipv4_endpoint(const std::string& host, const std::string& port, sockaddr_in& out) {
+    if (port.empty() || port.size() > 5) return false;
+    unsigned long value = 0;
+    for (char c : port) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + static_cast<unsigned long>(c - '0');
+    }
+    if (value > 65535) return false;
+    out = sockaddr_in{};
+    out.sin_family = AF_INET;
+    out.sin_port = htons(static_cast<uint16_t>(value));
+    return inet_pton(AF_INET, host.c_str(), &out.sin_addr) == 1;
 }
 
 void bind_local(int fd, const std::string& bind, const addrinfo& remote) {
@@ -115,21 +133,35 @@ void TransportSimpleSocketClient::connect(int timeout) {
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     AddrInfoList remote;
-    // A numeric address needs no name service; asking for it that way first
-    // gives the same answer without reading the resolver's configuration.
-    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-    if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
-        hints.ai_flags = 0;
+    sockaddr_in ipv4;
+    addrinfo direct{};
+    addrinfo* first = nullptr;
+    if (parse_ipv4_endpoint(m_host, m_port, ipv4)) {
+        direct.ai_family = AF_INET;
+        direct.ai_socktype = SOCK_STREAM;
+        direct.ai_protocol = IPPROTO_TCP;
+        direct.ai_addr = reinterpret_cast<sockaddr*>(&ipv4);
+        direct.ai_addrlen = sizeof ipv4;
+        first = &direct;
+    } else {
+        // A numeric address needs no name service; asking for it that way
+        // first gives the same answer without reading the resolver's
+        // configuration.
+        hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
         if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
-            throw SimpleSocketException("Failed to resolve hostname " + m_host + ":" + m_port);
+            hints.ai_flags = 0;
+            if (getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &remote.list) != 0) {
+                throw SimpleSocketException("Failed to resolve hostname " + m_host + ":" + m_port);
+            }
         }
+        first = remote.list;
     }
 
     timeval start;
     gettimeofday(&start, nullptr);
     const long long budget = static_cast<long long>(timeout) * 1000000LL;
 
-    for (addrinfo* a = remote.list; a != nullptr; a = a->ai_next) {
+    for (addrinfo* a = first; a != nullptr; a = a->ai_next) {
         info->m_fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
         if (info->m_fd < 0) throw SimpleSocketException("Failed to create socket");
         set_nonblocking(info->m_fd, true);
@@ -195,16 +227,23 @@ void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHan
     info->m_id = handler->new_client(*this);
     info->m_handler = handler;
 
-    if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
-    m_wake->reset();
-    info->m_protocol->set_wake_fd(m_wake->fd());
     auto turn = std::make_shared<simple_socket::ReadTurn>(kIdleBeforeReader);
     {
         std::lock_guard<std::mutex> lock(m_socketMutex);
         m_turn = turn;
     }
     m_running = true;
+    // Callers read with blocking reads of their own and need no wake event.
+    if (!m_idleReader) return;
+    if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
+    m_wake->reset();
+    info->m_protocol->set_wake_fd(m_wake->fd());
     m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info), turn);
+}
+
+void TransportSimpleSocketClient::set_idle_reader(bool on) {
+    assert(!m_thread.joinable());
+    m_idleReader = on;
 }
 
 void TransportSimpleSocketClient::stop_serve() {
@@ -248,7 +287,9 @@ bool TransportSimpleSocketClient::read_until(const std::function<bool()>& done) 
         turn = m_turn;
     }
     if (!info || !turn || !m_running) return false;
-    turn->caller_begin([this] { m_wake->signal(); });
+    turn->caller_begin([this] {
+        if (m_wake) m_wake->signal();
+    });
     if (!m_running) {
         turn->caller_end();
         return false;

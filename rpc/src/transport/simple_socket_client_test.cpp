@@ -65,6 +65,21 @@ TEST(ClientTransport, HandshakeSendsLeadAndVersionThenServes) {
     EXPECT_EQ(to_hex(hello), to_hex(hex("01 01")));
 }
 
+// A plain dotted quad skips the resolver; other numeric forms of the same
+// address go through it, to the same place.
+TEST(ClientTransport, ReachesTheSameAddressInEveryNumericForm) {
+    RawListener listener;
+    for (const char* host : {"127.0.0.1", "127.1", "0x7f.0.0.1"}) {
+        for (const std::string& port : {listener.port_text(), "0" + listener.port_text()}) {
+            TransportSimpleSocketClient t(host, port);
+            std::unique_ptr<RawConnection> peer;
+            std::thread th([&] { peer = accept_and_greet(listener); });
+            EXPECT_EQ(connect_error(t), "(connected)") << host << ":" << port;
+            th.join();
+        }
+    }
+}
+
 TEST(ClientTransport, HandshakeAnswerOtherThanOneIsAMismatch) {
     for (char answer : {char(0), char(2)}) {
         RawListener listener;

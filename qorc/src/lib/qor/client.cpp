@@ -21,6 +21,7 @@ void Client::connect(const std::string& host, const std::string& port, const std
                      int timeout) {
     auto transport = std::make_shared<orvi::TransportSimpleSocketClient>(host, port);
     transport->m_bind = bind;
+    transport->set_idle_reader(m_idleWatch);
     transport->connect(timeout);
     m_transport = transport;
     m_protocol->add_transport(m_transport);

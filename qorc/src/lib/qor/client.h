@@ -27,6 +27,11 @@ class Client {
     void connect(const std::string& host, const std::string& port, const std::string& bind,
                  int timeout);
     void disconnect();
+    // Whether the connection is watched between commands (the default), so
+    // that the board's hang-up is noticed when it happens. A program that
+    // runs one command and exits turns it off before connect: it then starts
+    // no reader thread, and a hang-up is found by the next command.
+    void set_idle_watch(bool on) { m_idleWatch = on; }
 
     void echo(const std::string& payload, std::string& reply);
     void fallback_ffh();
@@ -39,6 +44,7 @@ class Client {
   private:
     orvi::Protocol* m_protocol;  // owned: created here, deleted by the destructor
     std::shared_ptr<orvi::Transport> m_transport;
+    bool m_idleWatch = true;
 };
 
 }  // namespace qor
