@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is needed, then builds and runs every test three ways:
+# Installs what is needed, checks the format and the lock annotations (a
+# clang build with -Wthread-safety as errors), then builds and runs every
+# test three ways:
 #   1. a normal build;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. ThreadSanitizer, for the threaded parts (engine, transports, client);
@@ -14,6 +16,10 @@ bash scripts/setup.sh
 
 echo "=== format check"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+echo "=== thread-safety analysis (${SECONDS}s)"
+CC=clang CXX=clang++ bash scripts/build.sh build/test-thread-safety -DCMAKE_BUILD_TYPE=Debug \
+  -DQORC_THREAD_SAFETY=ON
 
 jobs=$(nproc)
 run() { # name build-dir ctest-args... -- cmake-args...
@@ -32,7 +38,7 @@ run "normal" build/test-normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run "asan+ubsan" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=address,undefined
 # Only the threaded parts: the engine, the transports and the client library.
-BUILD_TARGETS="orvi_protocol_test orvi_direct_dispatch_test orvi_caller_reads_test orvi_engine_hazards_test orvi_client_transport_test orvi_server_transport_test orvi_framing_test qor_client_test" \
+BUILD_TARGETS="orvi_protocol_test orvi_worker_pool_test orvi_direct_dispatch_test orvi_caller_reads_test orvi_engine_hazards_test orvi_client_transport_test orvi_server_transport_test orvi_framing_test qor_client_test" \
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread
 echo "=== packaging (${SECONDS}s)"

@@ -52,7 +52,7 @@ void Board::announce(const std::string& what, const std::string& host, unsigned 
 std::string Board::start() {
     auto transport = listen_on(m_options.listenHost, m_options.listenPort);
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        orvi::MutexLock lock(m_mutex);
         m_transport = transport;
         m_port = transport->local_port();
         m_up = true;
@@ -63,7 +63,7 @@ std::string Board::start() {
 }
 
 void Board::run() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     while (!m_stopping) {
         if (m_rebootRequested) {
             m_rebootRequested = false;
@@ -75,24 +75,24 @@ void Board::run() {
 }
 
 void Board::stop() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     m_stopping = true;
     m_cond.notify_all();
 }
 
 void Board::request_reboot() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     m_rebootRequested = true;
     m_cond.notify_all();
 }
 
 bool Board::boot_done() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     return m_up && std::chrono::steady_clock::now() >= m_bootDoneAt;
 }
 
 bool Board::wait_boot_done() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     for (;;) {
         if (m_stopping) return false;
         const auto now = std::chrono::steady_clock::now();
@@ -106,31 +106,34 @@ bool Board::wait_boot_done() {
 }
 
 void Board::drop_client(unsigned int client_id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     if (m_transport) m_transport->disconnect_client(client_id);
 }
 
-// Runs on the control thread with m_mutex held; releases it while waiting.
-void Board::reboot(std::unique_lock<std::mutex>& lock) {
+// Runs on the control thread with m_mutex held, which `lock` owns: waits
+// go through it, and the mutex itself is let go while the board is down.
+void Board::reboot(orvi::MutexLock& lock) {
     using std::chrono::milliseconds;
     // Let the answer that asked for the reboot reach the client first.
-    if (m_cond.wait_for(lock, milliseconds(m_options.rebootGraceMs), [&] { return m_stopping; })) {
+    if (m_cond.wait_for(lock, milliseconds(m_options.rebootGraceMs),
+                        [&]() REQUIRES(m_mutex) { return m_stopping; })) {
         return;
     }
     std::shared_ptr<orvi::TransportSimpleSocketServer> old = std::move(m_transport);
     m_up = false;
-    lock.unlock();
+    m_mutex.unlock();
     orvi::write_line(1, "qord-sim rebooting");
     m_protocol->remove_transport(old);
     old.reset();
-    lock.lock();
+    m_mutex.lock();
 
-    if (m_cond.wait_for(lock, milliseconds(m_options.rebootDelayMs), [&] { return m_stopping; })) {
+    if (m_cond.wait_for(lock, milliseconds(m_options.rebootDelayMs),
+                        [&]() REQUIRES(m_mutex) { return m_stopping; })) {
         return;
     }
     if (m_options.neverReturn) {
         orvi::write_line(1, "qord-sim stays down");
-        m_cond.wait(lock, [&] { return m_stopping; });
+        m_cond.wait(lock, [&]() REQUIRES(m_mutex) { return m_stopping; });
         return;
     }
     const std::string host =
@@ -138,7 +141,7 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
     // Same port as before unless another one is named (a chosen free port included).
     const std::string port =
         m_options.rebootPort.empty() ? std::to_string(m_port) : m_options.rebootPort;
-    lock.unlock();
+    m_mutex.unlock();
     std::shared_ptr<orvi::TransportSimpleSocketServer> back;
     try {
         back = listen_on(host, port);
@@ -147,7 +150,7 @@ void Board::reboot(std::unique_lock<std::mutex>& lock) {
     } catch (const std::exception& e) {
         orvi::log_error("qord-sim: cannot come back on " + host + ":" + port + ": " + e.what());
     }
-    lock.lock();
+    m_mutex.lock();
     m_transport = back;
     m_up = back != nullptr;
     m_bootDoneAt = std::chrono::steady_clock::now() + milliseconds(m_options.bootTimeMs);

@@ -7,13 +7,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "board_state.h"
 #include "options.h"
+#include "orvi/mutex.h"
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_server.h"
 
@@ -43,7 +42,9 @@ class Board {
 
   private:
     void register_commands();
-    void reboot(std::unique_lock<std::mutex>& lock);
+    // Called and returns with m_mutex held through `lock`, which it lets go
+    // while the board is down.
+    void reboot(orvi::MutexLock& lock) REQUIRES(m_mutex);
     std::shared_ptr<orvi::TransportSimpleSocketServer> listen_on(const std::string& host,
                                                                  const std::string& port);
     void announce(const std::string& what, const std::string& host, unsigned short port);
@@ -52,14 +53,14 @@ class Board {
     BoardState& m_state;
     std::unique_ptr<orvi::Protocol> m_protocol;
 
-    std::mutex m_mutex;  // guards everything below
-    std::condition_variable m_cond;
-    std::shared_ptr<orvi::TransportSimpleSocketServer> m_transport;
-    unsigned short m_port = 0;  // where the board first listened
-    bool m_stopping = false;
-    bool m_rebootRequested = false;
-    bool m_up = false;  // false while rebooting
-    std::chrono::steady_clock::time_point m_bootDoneAt;
+    orvi::Mutex m_mutex;
+    orvi::CondVar m_cond;
+    std::shared_ptr<orvi::TransportSimpleSocketServer> m_transport GUARDED_BY(m_mutex);
+    unsigned short m_port GUARDED_BY(m_mutex) = 0;  // where the board first listened
+    bool m_stopping GUARDED_BY(m_mutex) = false;
+    bool m_rebootRequested GUARDED_BY(m_mutex) = false;
+    bool m_up GUARDED_BY(m_mutex) = false;  // false while rebooting
+    std::chrono::steady_clock::time_point m_bootDoneAt GUARDED_BY(m_mutex);
 };
 
 }  // namespace qord_sim

@@ -74,19 +74,19 @@ void BoardState::change(F&& mutate) {
 }
 
 bool BoardState::has_device(long id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     return device(id) != nullptr;
 }
 
 std::optional<Identities> BoardState::identities(long id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     json* d = device(id);
     if (!d) return std::nullopt;
     return Identities{text(*d, "mac"), text(*d, "imei"), text(*d, "serial")};
 }
 
 std::optional<std::string> BoardState::psi(long id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     json* d = device(id);
     if (!d) return std::nullopt;
     return (*d)["psi"].dump();
@@ -95,7 +95,7 @@ std::optional<std::string> BoardState::psi(long id) {
 void BoardState::amend_psi(long id, const std::string& patch) {
     const char* const refused = "PSI amend refused";
     const json parsed = parse_bounded(patch, refused, kMaxPsiBytes, kMaxPsiDepth);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     change([&](json& doc) {
         json& psi = device_or_throw(doc, id)["psi"];
         psi.merge_patch(parsed);
@@ -107,7 +107,7 @@ void BoardState::amend_psi(long id, const std::string& patch) {
 }
 
 void BoardState::reset_imei(long id, const std::string& passcode) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     change([&](json& doc) {
         json& d = device_or_throw(doc, id);
         if (passcode != text(d, "imei_reset_passcode")) {
@@ -119,7 +119,7 @@ void BoardState::reset_imei(long id, const std::string& passcode) {
 }
 
 void BoardState::activate_talvex(long id, const std::string& passcode) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     change([&](json& doc) {
         json& d = device_or_throw(doc, id);
         if (passcode != text(d, "talvex_passcode")) {
@@ -130,29 +130,29 @@ void BoardState::activate_talvex(long id, const std::string& passcode) {
 }
 
 bool BoardState::is_fff() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     return text(m_doc, "firmware_source") != "FFH";
 }
 
 void BoardState::set_fff(bool fff) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     change([&](json& doc) { doc["firmware_source"] = fff ? "FFF" : "FFH"; });
 }
 
 std::string BoardState::version() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     std::string bytes;
     if (m_doc.contains("version")) decode_bytes(m_doc["version"], bytes);
     return bytes;
 }
 
 std::string BoardState::magic() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     return text(m_doc, "magic");
 }
 
 void BoardState::install_firmware(const std::string& version, const std::string& magic) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     change([&](json& doc) {
         doc["version"] = encode_bytes(version);
         doc["magic"] = magic;
@@ -160,13 +160,8 @@ void BoardState::install_firmware(const std::string& version, const std::string&
 }
 
 bool BoardState::boot_done_at_start() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    orvi::MutexLock lock(m_mutex);
     return m_doc.value("boot_done", true);
-}
-
-json BoardState::snapshot() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_doc;
 }
 
 void BoardState::save(const json& doc) {

@@ -5,11 +5,12 @@
 // Thread-safe: every operation takes m_mutex.
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "orvi/mutex.h"
 
 namespace qord_sim {
 
@@ -44,18 +45,16 @@ class BoardState {
     void install_firmware(const std::string& version, const std::string& magic);
     bool boot_done_at_start();
 
-    nlohmann::json snapshot();
-
   private:
-    nlohmann::json* device(long id);  // m_mutex held
+    nlohmann::json* device(long id) REQUIRES(m_mutex);
     // Applies a change to a copy, writes the copy, then adopts it: a change
-    // that cannot be saved is not made. m_mutex held.
+    // that cannot be saved is not made.
     template <class F>
-    void change(F&& mutate);
+    void change(F&& mutate) REQUIRES(m_mutex);
     void save(const nlohmann::json& doc);
 
-    std::mutex m_mutex;
-    nlohmann::json m_doc;
+    orvi::Mutex m_mutex;
+    nlohmann::json m_doc GUARDED_BY(m_mutex);
     std::string m_path;  // empty: nothing is written
 };
 

@@ -1,5 +1,6 @@
 // The RPC engine: registry of transports, peers ("clients") and proxies,
-// a worker pool that routes incoming messages, and header stamping on send.
+// routing of incoming messages (through a worker pool, or directly on the
+// transport's thread), and header stamping on send.
 //
 // Threads:
 //  - workers (routing and every proxy's new_message);
@@ -21,24 +22,21 @@
 //
 // Lock order: m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
 // ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
-// a proxy's mutex -> m_clientsMutex. Each field below names its lock.
+// a proxy's mutex -> m_clientsMutex. Each field below names its lock, and
+// clang's -Wthread-safety checks that it is held.
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "orvi/exceptions.h"
 #include "orvi/message.h"
+#include "orvi/mutex.h"
 #include "orvi/proxy.h"
 #include "orvi/transport.h"
 
@@ -46,6 +44,9 @@ namespace orvi {
 
 class Header;
 class Protocol;
+class ProtocolTransportHandler;
+class WorkerPool;
+struct RoutingJob;
 
 // Told when an engine goes away. The engine clears m_protocol, under its
 // life-handler lock, before it calls on_protocol_destroyed; a handler
@@ -56,29 +57,9 @@ class ProtocolLifeHandler {
     virtual ~ProtocolLifeHandler();
     virtual void on_protocol_destroyed(Protocol* protocol) = 0;
 
+    // Written by the engine under its life-handler lock; atomic, as the
+    // handler's destructor reads it without that lock.
     std::atomic<Protocol*> m_protocol{nullptr};
-};
-
-// What a transport calls. Holds a raw back pointer to the engine that the
-// engine clears before it goes; clear() waits for the calls under way, none
-// of which holds m_mutex while the engine routes (a proxy may run there).
-class ProtocolTransportHandler : public TransportHandler {
-  public:
-    explicit ProtocolTransportHandler(Protocol* p) : m_protocol(p) {}
-    unsigned int new_client(Transport& transport) override;
-    void delete_client(unsigned int client_id) override;
-    void new_message(unsigned int client_id, Message<BufferMutable>& message) override;
-    void clear();
-
-    // The engine, counted as in use until end_call; nullptr once cleared.
-    Protocol* begin_call();
-    void end_call();
-
-  private:
-    std::mutex m_mutex;
-    std::condition_variable m_idle;
-    Protocol* m_protocol;  // guarded by m_mutex
-    size_t m_calls = 0;    // guarded by m_mutex
 };
 
 // Which messages a transport's thread may route itself (see above).
@@ -93,15 +74,17 @@ enum class DirectDispatch {
 class Protocol {
   public:
     struct ClientInfo {
-        unsigned int id = 0;
-        std::weak_ptr<Transport> transport;
-        std::mutex mutex;
-        std::map<unsigned int, std::shared_ptr<Proxy>> proxyMap;  // guarded by mutex
-        // (remote id, local id) of every proxy in proxyMap whose peer is
+        ClientInfo(unsigned int client_id, std::weak_ptr<Transport> client_transport)
+            : id(client_id), transport(std::move(client_transport)) {}
+        const unsigned int id;
+        const std::weak_ptr<Transport> transport;
+        Mutex mutex;
+        std::map<unsigned int, std::shared_ptr<Proxy>> proxy_map GUARDED_BY(mutex);
+        // (remote id, local id) of every proxy in proxy_map whose peer is
         // known, so that an opening message finds its proxy without a scan.
-        std::set<std::pair<unsigned int, unsigned int>> byRemote;  // guarded by mutex
-        size_t handlers = 0;     // handler proxies in proxyMap; guarded by mutex
-        bool capLogged = false;  // guarded by mutex
+        std::set<std::pair<unsigned int, unsigned int>> by_remote GUARDED_BY(mutex);
+        size_t handlers GUARDED_BY(mutex) = 0;  // handler proxies in proxy_map
+        bool cap_logged GUARDED_BY(mutex) = false;
     };
 
     // Up to `workers` threads, started when first needed; 0 is a
@@ -148,13 +131,8 @@ class Protocol {
 
     // Routing of one received message; runs on a worker.
     void process_message(unsigned int client, const Message<BufferMutable>& message);
-    std::shared_ptr<Proxy> command_message(ClientInfo& client, Header& header);
-
-    // How long an idle worker watches the queue before it parks; 0 (the
-    // default) parks at once. Worth it for a one-worker client that waits
-    // on round trips; not for a pool of workers sharing a few cores. Set
-    // before the first message arrives.
-    void set_worker_spin(std::chrono::microseconds spin) { m_spinMicros = spin.count(); }
+    std::shared_ptr<Proxy> command_message(ClientInfo& client, Header& header)
+        REQUIRES(client.mutex);
 
     // Set before the first transport is added.
     void set_direct_dispatch(DirectDispatch mode) { m_direct = mode; }
@@ -181,78 +159,64 @@ class Protocol {
     struct TransportInfo {
         std::shared_ptr<ProtocolTransportHandler> handler;
     };
-    struct ClientMessage {
-        unsigned int client;
-        Message<BufferMutable> message;
-        bool lost = false;  // the peer's loss, in order behind its messages
-    };
-    // What is under way for one peer: messages queued, and whether one is
-    // being routed (by a worker or directly). Absent when neither.
-    struct ClientLoad {
-        size_t queued = 0;
-        bool routing = false;
-    };
 
     void bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name);
-    // Records the peer of a proxy that has just learnt it; requires client.mutex.
-    static void learn_remote(ClientInfo& client, ProxyInfo& info, unsigned int remote_id);
-    // Takes a proxy out of its client's maps; requires client.mutex.
-    std::shared_ptr<Proxy> take_proxy(ClientInfo& client, unsigned int local_id);
-    // A connected or departing client; requires m_clientsMutex.
-    std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr);
-    void enqueue(ClientMessage item);
-    // Routes `item` on this thread if nothing of its peer is queued or being
-    // routed; false (and nothing done) otherwise.
-    bool route_directly(ClientMessage& item);
-    void route(ClientMessage& item);
-    // Requires m_queueMutex.
-    void start_workers_locked();
-    void finish_routing_locked(unsigned int client);
-    // Tells the proxies of a departed client that it is gone; runs on a worker.
+    // Records the peer of a proxy that has just learnt it.
+    static void learn_remote(ClientInfo& client, ProxyInfo& info, unsigned int remote_id)
+        REQUIRES(client.mutex);
+    // Takes a proxy out of its client's maps.
+    std::shared_ptr<Proxy> take_proxy(ClientInfo& client, unsigned int local_id)
+        REQUIRES(client.mutex);
+    // A connected or departing client.
+    std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr)
+        REQUIRES(m_clientsMutex);
+    // The same, its mutex locked hand over hand (the clients lock first,
+    // let go once the client's own is held), so that it cannot leave the
+    // maps in between. The caller takes the lock over with
+    // MutexLock(client->mutex, kAdoptUnseen).
+    std::shared_ptr<ClientInfo> lock_client(unsigned int id, bool* departing = nullptr)
+        EXCLUDES(m_clientsMutex);
+    // Routes `job` on this thread when the dispatch mode allows it and the
+    // pool has nothing of its peer under way; false (and nothing done)
+    // otherwise.
+    bool route_directly(RoutingJob& job);
+    void route(RoutingJob& job);
+    // Tells the proxies of a departed client that it is gone.
     void client_gone(unsigned int id);
-    void worker();
-    std::list<ClientMessage>::iterator next_eligible();
     void reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
                           const Header& incoming);
 
     Stats m_stats;
 
-    std::mutex m_commandsMutex;
-    std::map<std::string, std::shared_ptr<ProxyFactory>> m_commandMap;  // m_commandsMutex
+    Mutex m_commandsMutex;
+    std::map<std::string, std::shared_ptr<ProxyFactory>> m_commandMap GUARDED_BY(m_commandsMutex);
 
-    std::mutex m_transportsMutex;
-    std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>>
-        m_transportMap;  // m_transportsMutex
+    Mutex m_transportsMutex;
+    std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> m_transportMap
+        GUARDED_BY(m_transportsMutex);
     // Every handler given out, also those of removed transports, whose
     // connection records may outlive this engine: all are cleared when it goes.
-    std::vector<std::weak_ptr<ProtocolTransportHandler>> m_handlersGiven;  // m_transportsMutex
+    std::vector<std::weak_ptr<ProtocolTransportHandler>> m_handlersGiven
+        GUARDED_BY(m_transportsMutex);
 
-    std::mutex m_clientIdMutex;
-    unsigned int m_nextClientId = 1;  // m_clientIdMutex
+    Mutex m_clientIdMutex;
+    unsigned int m_nextClientId GUARDED_BY(m_clientIdMutex) = 1;
 
-    std::mutex m_clientsMutex;
-    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_clientMap;  // m_clientsMutex
+    Mutex m_clientsMutex;
+    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_clientMap GUARDED_BY(m_clientsMutex);
     // Lost, with their loss still queued behind their messages.
-    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_departingMap;  // m_clientsMutex
+    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_departingMap GUARDED_BY(m_clientsMutex);
 
-    std::mutex m_queueMutex;
-    std::condition_variable m_queueCond;
-    std::list<ClientMessage> m_queue;  // m_queueMutex
-    std::atomic<size_t> m_queued{0};   // m_queue.size(), for workers that spin before parking
-    std::atomic<long> m_spinMicros{0};
+    // Routes what a transport's thread does not route itself.
+    const std::unique_ptr<WorkerPool> m_pool;
     std::atomic<size_t> m_maxHandlersPerClient{kDefaultMaxHandlersPerClient};
-    std::atomic<bool> m_stopping{false};        // lets a spinning worker see the end at once
-    bool m_running = true;                      // m_queueMutex
-    std::map<unsigned int, ClientLoad> m_load;  // m_queueMutex
-    const size_t m_workerCount;
-    std::vector<std::thread> m_workers;  // m_queueMutex; empty until first needed
     std::atomic<DirectDispatch> m_direct{DirectDispatch::kNever};
 
-    std::mutex m_proxyIdMutex;
-    unsigned int m_lastProxyId = 0;  // m_proxyIdMutex
+    Mutex m_proxyIdMutex;
+    unsigned int m_lastProxyId GUARDED_BY(m_proxyIdMutex) = 0;
 
-    std::mutex m_lifeMutex;
-    std::vector<ProtocolLifeHandler*> m_lifeHandlers;  // m_lifeMutex
+    Mutex m_lifeMutex;
+    std::vector<ProtocolLifeHandler*> m_lifeHandlers GUARDED_BY(m_lifeMutex);
 };
 
 }  // namespace orvi

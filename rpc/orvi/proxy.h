@@ -7,9 +7,7 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "orvi/message.h"
@@ -88,13 +86,13 @@ class ProxyCommandClient : public ProxyCommand {
     virtual void process_message(const char* data, unsigned int size) = 0;
 
   private:
-    std::mutex m_mutex;  // guards m_exception, m_noHandler; pairs with m_cond
-    std::condition_variable m_cond;
+    Mutex m_mutex;
+    CondVar m_cond;
     // Set, under m_mutex, when the command ends; read without the lock by a
     // waiter that spins before it parks.
     std::atomic<bool> m_ended{false};
-    std::string m_exception;
-    bool m_noHandler = false;
+    std::string m_exception GUARDED_BY(m_mutex);
+    bool m_noHandler GUARDED_BY(m_mutex) = false;
 };
 
 // The serving side: made by a ProxyFactory for each incoming command.

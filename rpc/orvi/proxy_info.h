@@ -1,8 +1,9 @@
 // The engine's bookkeeping for one proxy, shared by the proxy and the engine.
 #pragma once
 
-#include <mutex>
 #include <string>
+
+#include "orvi/mutex.h"
 
 namespace orvi {
 
@@ -18,14 +19,14 @@ struct ProxyInfo {
     unsigned int local_id = 0;
 
     // Serialises this proxy's sends, so its messages leave in order.
-    std::mutex send_mutex;
+    Mutex send_mutex;
 
     // A leaf lock: nothing else is ever taken while it is held, so routing
     // may read the peer under a client's mutex while a send is in progress.
-    std::mutex state_mutex;
-    bool done = false;           // state_mutex
-    bool remote_known = false;   // state_mutex
-    unsigned int remote_id = 0;  // state_mutex
+    Mutex state_mutex;
+    bool done GUARDED_BY(state_mutex) = false;
+    bool remote_known GUARDED_BY(state_mutex) = false;
+    unsigned int remote_id GUARDED_BY(state_mutex) = 0;
 };
 
 }  // namespace orvi

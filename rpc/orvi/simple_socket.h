@@ -3,10 +3,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "orvi/exceptions.h"
 #include "orvi/message.h"
+#include "orvi/mutex.h"
 #include "orvi/transport.h"
 
 namespace orvi {
@@ -98,7 +98,7 @@ class InfoClient {
     // Set before the reader thread starts, read-only afterwards.
     std::shared_ptr<TransportHandler> m_handler;
     std::unique_ptr<ProtocolBase> m_protocol;
-    std::mutex m_sendMutex;
+    Mutex m_sendMutex;
 };
 
 }  // namespace simple_socket

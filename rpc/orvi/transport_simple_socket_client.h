@@ -4,10 +4,10 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "orvi/mutex.h"
 #include "orvi/simple_socket.h"
 #include "orvi/transport.h"
 #include "orvi/url.h"
@@ -90,8 +90,9 @@ class TransportSimpleSocketClient : public TransportClient {
     // returns.
     std::shared_ptr<simple_socket::InfoClient> take_socket();
 
-    mutable std::mutex m_socketMutex;  // guards m_socketPtr (the pointer, not the record)
-    std::shared_ptr<simple_socket::InfoClient> m_socketPtr;
+    mutable Mutex m_socketMutex;
+    // The pointer is guarded, not the record.
+    std::shared_ptr<simple_socket::InfoClient> m_socketPtr GUARDED_BY(m_socketMutex);
     std::thread m_thread;
     // Written by the owner, read by the reader thread.
     std::atomic<bool> m_running{false};
@@ -99,8 +100,8 @@ class TransportSimpleSocketClient : public TransportClient {
     std::weak_ptr<TransportHandler> m_handler;
     // Wakes the reader at once on stop_serve, or when a caller wants to read.
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
-    // The turn to read, made anew by start_serve; guarded by m_socketMutex.
-    std::shared_ptr<simple_socket::ReadTurn> m_turn;
+    // The turn to read, made anew by start_serve.
+    std::shared_ptr<simple_socket::ReadTurn> m_turn GUARDED_BY(m_socketMutex);
     // The reader failed or the peer is gone: logs `line` (unless null) and
     // tells the handler, once.
     void report_broken(const std::shared_ptr<simple_socket::InfoClient>& info, const char* line);

@@ -8,10 +8,10 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "orvi/mutex.h"
 #include "orvi/simple_socket.h"
 #include "orvi/transport.h"
 
@@ -113,9 +113,10 @@ class TransportSimpleSocketServer : public Transport {
     std::atomic<bool> m_running{false};
     std::thread m_acceptThread;
 
-    std::mutex m_mutex;  // guards m_clients and m_readers
-    std::map<unsigned int, std::shared_ptr<simple_socket::InfoClient>> m_clients;
-    std::list<Reader> m_readers;
+    Mutex m_mutex;
+    std::map<unsigned int, std::shared_ptr<simple_socket::InfoClient>> m_clients
+        GUARDED_BY(m_mutex);
+    std::list<Reader> m_readers GUARDED_BY(m_mutex);
 };
 
 }  // namespace orvi

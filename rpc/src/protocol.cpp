@@ -7,24 +7,28 @@
 
 #include "header.pb.h"
 #include "orvi/log_line.h"
-#include "protocol_workers.h"
+#include "protocol_transport_handler.h"
+#include "worker_pool.h"
 
 namespace orvi {
+
+ProtocolLifeHandler::~ProtocolLifeHandler() {
+    if (Protocol* protocol = m_protocol.load()) protocol->unregister_life_handler(this);
+}
 
 namespace {
 // Destroyed at exit, after every message object of the program is gone.
 ProtoBufCleanup protoBufCleanup;
 }  // namespace
 
-Protocol::Protocol(size_t workers) : m_workerCount(workers) {
-    assert(workers != 0);
-}
+Protocol::Protocol(size_t workers)
+    : m_pool(new WorkerPool(workers, [this](RoutingJob& job) { route(job); })) {}
 
 Protocol::~Protocol() {
     std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> transports;
     std::vector<std::weak_ptr<ProtocolTransportHandler>> given;
     {
-        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        MutexLock lock(m_transportsMutex);
         transports.swap(m_transportMap);
         given.swap(m_handlersGiven);
     }
@@ -35,23 +39,14 @@ Protocol::~Protocol() {
     for (auto& weak : given) {
         if (auto handler = weak.lock()) handler->clear();
     }
-    m_stopping = true;
-    std::vector<std::thread> workers;
-    {
-        std::lock_guard<std::mutex> lock(m_queueMutex);
-        m_running = false;
-        m_queue.clear();
-        m_queued.store(0, std::memory_order_release);
-        workers.swap(m_workers);
-    }
-    m_queueCond.notify_all();
+    m_pool->close();
     for (auto& entry : transports) entry.first->stop_serve();
     transports.clear();
-    for (std::thread& w : workers) w.join();
+    m_pool->join();
 
     std::vector<ProtocolLifeHandler*> handlers;
     {
-        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        MutexLock lock(m_lifeMutex);
         handlers.swap(m_lifeHandlers);
         for (ProtocolLifeHandler* h : handlers) h->m_protocol = nullptr;
     }
@@ -63,7 +58,7 @@ void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
     ++m_stats.transportsActive;
     std::shared_ptr<ProtocolTransportHandler> handler;
     {
-        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        MutexLock lock(m_transportsMutex);
         auto info = std::make_shared<TransportInfo>();
         info->handler = std::make_shared<ProtocolTransportHandler>(this);
         handler = info->handler;
@@ -82,16 +77,16 @@ void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
 void Protocol::remove_transport(const std::shared_ptr<Transport>& transport) {
     --m_stats.transportsActive;
     {
-        std::lock_guard<std::mutex> lock(m_transportsMutex);
+        MutexLock lock(m_transportsMutex);
         if (m_transportMap.find(transport) == m_transportMap.end()) return;
     }
     transport->stop_serve();
-    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    MutexLock lock(m_transportsMutex);
     m_transportMap.erase(transport);
 }
 
 std::weak_ptr<Transport> Protocol::find_transport(Transport& transport) {
-    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    MutexLock lock(m_transportsMutex);
     for (auto& entry : m_transportMap) {
         if (entry.first.get() == &transport) return entry.first;
     }
@@ -99,30 +94,28 @@ std::weak_ptr<Transport> Protocol::find_transport(Transport& transport) {
 }
 
 std::shared_ptr<Transport> Protocol::get_proxy_transport(const ProxyInfo& info) {
-    std::lock_guard<std::mutex> clients(m_clientsMutex);
+    MutexLock clients(m_clientsMutex);
     auto it = m_clientMap.find(info.client_id);
     if (it == m_clientMap.end()) return nullptr;
-    std::lock_guard<std::mutex> transports(m_transportsMutex);
-    std::lock_guard<std::mutex> client(it->second->mutex);
+    MutexLock transports(m_transportsMutex);
+    MutexLock client(it->second->mutex);
     return it->second->transport.lock();
 }
 
 void Protocol::notify_fork(Fork fork) {
-    std::lock_guard<std::mutex> lock(m_transportsMutex);
+    MutexLock lock(m_transportsMutex);
     for (auto& entry : m_transportMap) entry.first->notify_fork(fork);
 }
 
 unsigned int Protocol::new_client(Transport& transport) {
     unsigned int id;
     {
-        std::lock_guard<std::mutex> lock(m_clientIdMutex);
+        MutexLock lock(m_clientIdMutex);
         id = m_nextClientId++;
     }
-    auto client = std::make_shared<ClientInfo>();
-    client->id = id;
-    client->transport = find_transport(transport);
+    auto client = std::make_shared<ClientInfo>(id, find_transport(transport));
     {
-        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        MutexLock lock(m_clientsMutex);
         m_clientMap[id] = client;
     }
     ++m_stats.clientsCreated;
@@ -133,7 +126,7 @@ unsigned int Protocol::new_client(Transport& transport) {
 void Protocol::delete_client(unsigned int id) {
     --m_stats.clientsActive;
     {
-        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        MutexLock lock(m_clientsMutex);
         auto it = m_clientMap.find(id);
         if (it == m_clientMap.end()) return;
         // It takes no new proxies from now on, but what it sent before it
@@ -141,14 +134,14 @@ void Protocol::delete_client(unsigned int id) {
         m_departingMap[id] = std::move(it->second);
         m_clientMap.erase(it);
     }
-    ClientMessage loss{id, Message<BufferMutable>(), true};
-    if (!route_directly(loss)) enqueue(std::move(loss));
+    RoutingJob loss{id, Message<BufferMutable>(), true};
+    if (!route_directly(loss)) m_pool->submit(std::move(loss));
 }
 
 void Protocol::client_gone(unsigned int id) {
     std::shared_ptr<ClientInfo> client;
     {
-        std::lock_guard<std::mutex> lock(m_clientsMutex);
+        MutexLock lock(m_clientsMutex);
         auto it = m_departingMap.find(id);
         if (it == m_departingMap.end()) return;
         client = std::move(it->second);
@@ -159,15 +152,23 @@ void Protocol::client_gone(unsigned int id) {
     // clients lock.
     std::map<unsigned int, std::shared_ptr<Proxy>> proxies;
     {
-        std::lock_guard<std::mutex> lock(client->mutex);
-        proxies.swap(client->proxyMap);
-        client->byRemote.clear();
+        MutexLock lock(client->mutex);
+        proxies.swap(client->proxy_map);
+        client->by_remote.clear();
         client->handlers = 0;
     }
     for (auto& entry : proxies) {
         --m_stats.proxiesActive;
         entry.second->client_lost("Connection lost");
     }
+}
+
+std::shared_ptr<Protocol::ClientInfo> Protocol::lock_client(unsigned int id, bool* departing)
+    NO_THREAD_SAFETY_ANALYSIS {
+    MutexLock clients(m_clientsMutex);
+    std::shared_ptr<ClientInfo> client = find_client_locked(id, departing);
+    if (client) client->mutex.lock();
+    return client;
 }
 
 std::shared_ptr<Protocol::ClientInfo> Protocol::find_client_locked(unsigned int id,
@@ -184,7 +185,7 @@ std::shared_ptr<Protocol::ClientInfo> Protocol::find_client_locked(unsigned int 
 }
 
 unsigned int Protocol::get_new_proxy_id() {
-    std::lock_guard<std::mutex> lock(m_proxyIdMutex);
+    MutexLock lock(m_proxyIdMutex);
     return ++m_lastProxyId;
 }
 
@@ -201,18 +202,18 @@ std::shared_ptr<ProxyInfo> Protocol::create_client_proxy_info(unsigned int clien
 }
 
 void Protocol::add_command(const std::string& name, const std::shared_ptr<ProxyFactory>& factory) {
-    std::lock_guard<std::mutex> lock(m_commandsMutex);
+    MutexLock lock(m_commandsMutex);
     m_commandMap[name] = factory;
 }
 
 void Protocol::register_life_handler(ProtocolLifeHandler* handler) {
-    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    MutexLock lock(m_lifeMutex);
     handler->m_protocol = this;
     m_lifeHandlers.push_back(handler);
 }
 
 void Protocol::unregister_life_handler(ProtocolLifeHandler* handler) {
-    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    MutexLock lock(m_lifeMutex);
     for (auto it = m_lifeHandlers.begin(); it != m_lifeHandlers.end(); ++it) {
         if (*it == handler) {
             m_lifeHandlers.erase(it);
@@ -223,7 +224,7 @@ void Protocol::unregister_life_handler(ProtocolLifeHandler* handler) {
 }
 
 void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name) {
-    std::lock_guard<std::mutex> lock(m_clientsMutex);
+    MutexLock lock(m_clientsMutex);
     const size_t n = m_clientMap.size();
     if (n != 1) {
         const std::string text = "clientMap.size() == " + std::to_string(n);
@@ -234,15 +235,15 @@ void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char
     const unsigned int id = get_new_proxy_id();
     proxy->attach(create_client_proxy_info(client.id, id, name));
     {
-        std::lock_guard<std::mutex> clientLock(client.mutex);
-        client.proxyMap[id] = proxy;
+        MutexLock clientLock(client.mutex);
+        client.proxy_map[id] = proxy;
     }
     ++m_stats.proxiesCreated;
     ++m_stats.proxiesActive;
 }
 
 void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
-    std::lock_guard<std::mutex> sendLock(info.send_mutex);
+    MutexLock sendLock(info.send_mutex);
     Header header;
     switch (info.kind) {
         case ProxyInfo::HANDLER:
@@ -259,7 +260,7 @@ void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
             break;
     }
     {
-        std::lock_guard<std::mutex> state(info.state_mutex);
+        MutexLock state(info.state_mutex);
         if (!info.remote_known) {
             header.set_name(info.name);
         } else {
@@ -281,157 +282,37 @@ void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
 }
 
 void Protocol::proxy_done(ProxyInfo& info) {
-    note_proxy_finished();
     {
-        std::lock_guard<std::mutex> state(info.state_mutex);
+        MutexLock state(info.state_mutex);
         info.done = true;
     }
-    std::shared_ptr<ClientInfo> client;
-    std::unique_lock<std::mutex> clientLock;
-    {
-        std::lock_guard<std::mutex> lock(m_clientsMutex);
-        client = find_client_locked(info.client_id);
-        if (!client) return;
-        clientLock = std::unique_lock<std::mutex>(client->mutex);
-    }
+    std::shared_ptr<ClientInfo> client = lock_client(info.client_id);
+    if (!client) return;
+    MutexLock clientLock(client->mutex, kAdoptUnseen);
     std::shared_ptr<Proxy> leaving = take_proxy(*client, info.local_id);
     clientLock.unlock();
     // `leaving` may be the last owner; it goes after the lock is released.
 }
 
 std::shared_ptr<Proxy> Protocol::take_proxy(ClientInfo& client, unsigned int local_id) {
-    auto it = client.proxyMap.find(local_id);
-    if (it == client.proxyMap.end()) return nullptr;
+    auto it = client.proxy_map.find(local_id);
+    if (it == client.proxy_map.end()) return nullptr;
     std::shared_ptr<Proxy> proxy = std::move(it->second);
-    client.proxyMap.erase(it);
+    client.proxy_map.erase(it);
     --m_stats.proxiesActive;
     ProxyInfo& info = *proxy->info();
     if (info.kind == ProxyInfo::HANDLER) --client.handlers;
-    std::lock_guard<std::mutex> state(info.state_mutex);
-    if (info.remote_known) client.byRemote.erase({info.remote_id, local_id});
+    MutexLock state(info.state_mutex);
+    if (info.remote_known) client.by_remote.erase({info.remote_id, local_id});
     return proxy;
 }
 
 void Protocol::learn_remote(ClientInfo& client, ProxyInfo& info, unsigned int remote_id) {
-    std::lock_guard<std::mutex> state(info.state_mutex);
+    MutexLock state(info.state_mutex);
     if (info.remote_known) return;
     info.remote_id = remote_id;
     info.remote_known = true;
-    client.byRemote.insert({remote_id, info.local_id});
-}
-
-void Protocol::forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message) {
-    proxy.new_message(message.begin() + 1, message.end());
-}
-
-void Protocol::process_message(unsigned int id, const Message<BufferMutable>& message) {
-    ++m_stats.messagesProcessed;
-    std::shared_ptr<ClientInfo> client;
-    std::unique_lock<std::mutex> clientLock;
-    bool departing = false;
-    {
-        std::lock_guard<std::mutex> lock(m_clientsMutex);
-        if (message.size() == 0) return;
-        client = find_client_locked(id, &departing);
-        if (!client) return;
-        clientLock = std::unique_lock<std::mutex>(client->mutex);
-    }
-
-    // Parse failures are not checked: what could be read is routed as is.
-    Header header;
-    const BufferMutable& first = message[0];
-    if (first.size <= INT_MAX) header.ParseFromArray(first.data, static_cast<int>(first.size));
-
-    if (header.message_type() == Header::COMMAND) {
-        std::shared_ptr<Proxy> proxy = command_message(*client, header);
-        if (proxy) {
-            learn_remote(*client, *proxy->info(), header.proxy_source());
-            clientLock.unlock();
-            forward_message_to_proxy(*proxy, message);
-            return;
-        }
-    } else if (header.message_type() == Header::NO_HANDLER) {
-        auto it = client->proxyMap.find(header.proxy_dest());
-        if (it != client->proxyMap.end()) {
-            std::shared_ptr<Proxy> proxy = it->second;
-            clientLock.unlock();
-            proxy->set_no_handler();
-        }
-        return;
-    }
-    // A departed peer cannot be answered.
-    if (departing) return;
-    // Sent with no lock held: a send may release the connection and so
-    // reach delete_client, which takes the clients lock.
-    std::shared_ptr<Transport> transport = client->transport.lock();
-    clientLock.unlock();
-    reply_no_handler(transport, id, header);
-}
-
-std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& header) {
-    if (header.has_proxy_dest()) {
-        auto it = client.proxyMap.find(header.proxy_dest());
-        if (it != client.proxyMap.end()) return it->second;
-        ++m_stats.messagesNoHandler;
-        return nullptr;
-    }
-    // A repeated opening message from the same remote proxy; the lowest
-    // local id wins when several share that peer.
-    auto known = client.byRemote.lower_bound({header.proxy_source(), 0});
-    if (known != client.byRemote.end() && known->first == header.proxy_source()) {
-        return client.proxyMap.at(known->second);
-    }
-
-    std::lock_guard<std::mutex> commands(m_commandsMutex);
-    auto factory = m_commandMap.find(header.name());
-    if (factory == m_commandMap.end()) {
-        log_error(std::to_string(client.id) + ": there is no command handler for \"" +
-                  header.name() + "\"");
-        ++m_stats.messagesNoHandler;
-        return nullptr;
-    }
-    if (client.handlers >= m_maxHandlersPerClient.load()) {
-        if (!client.capLogged) {
-            client.capLogged = true;
-            log_error(std::to_string(client.id) + ": refusing \"" + header.name() + "\": " +
-                      std::to_string(client.handlers) + " commands are open, the most allowed");
-        }
-        ++m_stats.messagesNoHandler;
-        return nullptr;
-    }
-    const unsigned int id = get_new_proxy_id();
-    std::shared_ptr<Proxy> proxy = (*factory->second)(*this);
-    auto info = std::make_shared<ProxyInfo>();
-    info->protocol = this;
-    info->kind = ProxyInfo::HANDLER;
-    info->client_id = client.id;
-    info->name = header.name();
-    info->local_id = id;
-    info->remote_known = true;
-    info->remote_id = header.proxy_source();
-    proxy->attach(info);
-    client.proxyMap[id] = proxy;
-    client.byRemote.insert({info->remote_id, id});
-    ++client.handlers;
-    ++m_stats.proxiesCreated;
-    ++m_stats.proxiesActive;
-    return proxy;
-}
-
-void Protocol::reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
-                                const Header& incoming) {
-    Header reply;
-    reply.set_message_type(Header::NO_HANDLER);
-    reply.set_proxy_dest(incoming.proxy_source());
-    std::string bytes;
-    if (!reply.SerializeToString(&bytes))
-        throw ProtocolException("failed to serialize error header");
-    MessageConst message;
-    message.push_back(BufferConst(bytes.data(), bytes.size()));
-    if (transport) {
-        ++m_stats.messagesSent;
-        transport->send_message(client, message);
-    }
+    client.by_remote.insert({remote_id, info.local_id});
 }
 
 }  // namespace orvi

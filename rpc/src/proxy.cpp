@@ -2,8 +2,8 @@
 
 #include "orvi/exceptions.h"
 #include "orvi/protocol.h"
-#include "orvi/spin_wait.h"
 #include "proxy/command_header.pb.h"
+#include "spin_wait.h"
 
 namespace orvi {
 
@@ -24,7 +24,7 @@ void Proxy::set_done() {
 
 bool Proxy::is_done() const {
     if (!m_info) return false;
-    std::lock_guard<std::mutex> lock(m_info->state_mutex);
+    MutexLock lock(m_info->state_mutex);
     return m_info->done;
 }
 
@@ -69,7 +69,7 @@ void ProxyCommand::send_message(const char* data, unsigned int size) {
 }
 
 ProxyCommandClient::~ProxyCommandClient() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     m_cond.notify_all();
 }
 
@@ -97,14 +97,14 @@ void ProxyCommandClient::new_message(const_iterator first, const_iterator last) 
 }
 
 void ProxyCommandClient::set_done() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     m_ended.store(true, std::memory_order_release);
     m_cond.notify_one();
     Proxy::set_done();
 }
 
 void ProxyCommandClient::set_remote_exception(const std::string& text) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     m_exception = text;
     m_ended.store(true, std::memory_order_release);
     m_cond.notify_one();
@@ -113,7 +113,7 @@ void ProxyCommandClient::set_remote_exception(const std::string& text) {
 
 void ProxyCommandClient::set_no_handler() {
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        MutexLock lock(m_mutex);
         m_noHandler = true;
     }
     set_remote_exception("No handler found");
@@ -136,7 +136,7 @@ void ProxyCommandClient::wait() {
     // parking the thread.
     spin_until([this] { return m_ended.load(std::memory_order_acquire); },
                std::chrono::microseconds(kWaitSpinMicros));
-    std::unique_lock<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     m_cond.wait(lock, [this] { return is_done(); });
     if (m_exception.empty()) return;
     if (m_noHandler) throw ProxyCommandNoHandler(m_exception);

@@ -1,7 +1,6 @@
 // A caller that reads its own answer (TransportSimpleSocketClient::read_until
 // through a client engine that routes where it reads): it takes the socket
 // from the reader thread, goes on from the same byte, and reports a loss once.
-#include <dirent.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,12 +10,14 @@
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "testing/raw_peer.h"
+#include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
 using testing::hex;
 using testing::RawConnection;
+using testing::thread_count;
 
 struct Call : ProxyCommandClient {
     using ProxyCommandClient::ProxyCommandClient;
@@ -115,15 +116,6 @@ TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "Worker got exception: Failed to read data from server: Success\n");
     EXPECT_EQ(s.protocol.stats().clientsActive, 0u);
-}
-
-size_t thread_count() {
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (readdir(dir)) ++n;
-        closedir(dir);
-    }
-    return n;
 }
 
 // Without an idle reader, what comes between calls waits for the next caller,

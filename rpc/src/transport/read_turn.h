@@ -6,9 +6,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
+
+#include "orvi/mutex.h"
 
 namespace orvi {
 namespace simple_socket {
@@ -21,8 +21,8 @@ class ReadTurn {
     // Reader thread: waits for its turn; false once stopped. It looks again
     // after each idle spell rather than being told, so that a caller's turn
     // ends without waking it.
-    bool reader_begin() {
-        std::unique_lock<std::mutex> lock(m_mutex);
+    bool reader_begin() EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
         for (;;) {
             if (m_stopped) return false;
             if (m_callersWaiting == 0 && !m_callerReading) {
@@ -37,48 +37,49 @@ class ReadTurn {
             }
         }
     }
-    void reader_end() {
-        std::lock_guard<std::mutex> lock(m_mutex);
+    void reader_end() EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
         m_readerReading = false;
         if (m_callersWaiting != 0) m_cond.notify_all();
     }
 
     // Caller: takes the turn, calling `wake_reader` (with no lock held) when
     // the reader thread has to be brought out of its wait for bytes.
-    void caller_begin(const std::function<void()>& wake_reader) {
-        std::unique_lock<std::mutex> lock(m_mutex);
+    void caller_begin(const std::function<void()>& wake_reader) EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
         ++m_callersWaiting;
         if (m_readerReading) {
             lock.unlock();
             wake_reader();
             lock.lock();
         }
-        m_cond.wait(lock, [this] { return !m_readerReading && !m_callerReading; });
+        m_cond.wait(lock,
+                    [this]() REQUIRES(m_mutex) { return !m_readerReading && !m_callerReading; });
         --m_callersWaiting;
         m_callerReading = true;
     }
-    void caller_end() {
-        std::lock_guard<std::mutex> lock(m_mutex);
+    void caller_end() EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
         m_callerReading = false;
         m_lastCaller = std::chrono::steady_clock::now();
         if (m_callersWaiting != 0) m_cond.notify_all();
     }
 
-    void stop() {
-        std::lock_guard<std::mutex> lock(m_mutex);
+    void stop() EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
         m_stopped = true;
         m_cond.notify_all();
     }
 
   private:
     const std::chrono::milliseconds m_idle;
-    std::mutex m_mutex;
-    std::condition_variable m_cond;
-    bool m_stopped = false;                              // guarded by m_mutex
-    bool m_readerReading = false;                        // guarded by m_mutex
-    bool m_callerReading = false;                        // guarded by m_mutex
-    int m_callersWaiting = 0;                            // guarded by m_mutex
-    std::chrono::steady_clock::time_point m_lastCaller;  // guarded by m_mutex
+    Mutex m_mutex;
+    CondVar m_cond;
+    bool m_stopped GUARDED_BY(m_mutex) = false;
+    bool m_readerReading GUARDED_BY(m_mutex) = false;
+    bool m_callerReading GUARDED_BY(m_mutex) = false;
+    int m_callersWaiting GUARDED_BY(m_mutex) = 0;
+    std::chrono::steady_clock::time_point m_lastCaller GUARDED_BY(m_mutex);
 };
 
 }  // namespace simple_socket

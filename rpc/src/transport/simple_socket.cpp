@@ -160,7 +160,7 @@ InfoClient::~InfoClient() {
 }
 
 void InfoClient::send(const Message<BufferConst>& message) {
-    std::lock_guard<std::mutex> lock(m_sendMutex);
+    MutexLock lock(m_sendMutex);
     m_protocol->send_message(message);
 }
 

@@ -108,12 +108,12 @@ TransportSimpleSocketClient::~TransportSimpleSocketClient() {
 }
 
 std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::socket() const {
-    std::lock_guard<std::mutex> lock(m_socketMutex);
+    MutexLock lock(m_socketMutex);
     return m_socketPtr;
 }
 
 std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::take_socket() {
-    std::lock_guard<std::mutex> lock(m_socketMutex);
+    MutexLock lock(m_socketMutex);
     return std::move(m_socketPtr);
 }
 
@@ -210,7 +210,7 @@ void TransportSimpleSocketClient::connect(int timeout) {
         info->m_protocol.reset(new simple_socket::ProtocolV1(info->m_fd));
         info->m_protocol->set_quick_ack(true);
         {
-            std::lock_guard<std::mutex> lock(m_socketMutex);
+            MutexLock lock(m_socketMutex);
             m_socketPtr = info;
         }
 
@@ -229,7 +229,7 @@ void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHan
 
     auto turn = std::make_shared<simple_socket::ReadTurn>(kIdleBeforeReader);
     {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
+        MutexLock lock(m_socketMutex);
         m_turn = turn;
     }
     m_running = true;
@@ -250,7 +250,7 @@ void TransportSimpleSocketClient::stop_serve() {
     m_running = false;
     std::shared_ptr<simple_socket::ReadTurn> turn;
     {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
+        MutexLock lock(m_socketMutex);
         turn = m_turn;
     }
     if (turn) turn->stop();
@@ -282,7 +282,7 @@ bool TransportSimpleSocketClient::read_until(const std::function<bool()>& done) 
     std::shared_ptr<simple_socket::InfoClient> info;
     std::shared_ptr<simple_socket::ReadTurn> turn;
     {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
+        MutexLock lock(m_socketMutex);
         info = m_socketPtr;
         turn = m_turn;
     }

@@ -80,14 +80,14 @@ void TransportSimpleSocketServer::stop_serve() {
     std::map<unsigned int, std::shared_ptr<simple_socket::InfoClient>> clients;
     std::list<Reader> readers;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        MutexLock lock(m_mutex);
         // Unblock a worker thread stuck sending to a client that stopped reading.
         for (auto& entry : m_clients) shutdown(entry.second->m_fd, SHUT_RDWR);
         readers.swap(m_readers);
     }
     for (Reader& r : readers) r.thread.join();
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        MutexLock lock(m_mutex);
         clients.swap(m_clients);
     }
     // Dropping the records tells the handler and closes the sockets.
@@ -97,7 +97,7 @@ void TransportSimpleSocketServer::send_message(unsigned int client_id,
                                                const Message<BufferConst>& message) {
     std::shared_ptr<simple_socket::InfoClient> info;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        MutexLock lock(m_mutex);
         auto it = m_clients.find(client_id);
         if (it == m_clients.end()) return;
         info = it->second;
@@ -106,7 +106,7 @@ void TransportSimpleSocketServer::send_message(unsigned int client_id,
 }
 
 void TransportSimpleSocketServer::disconnect_client(unsigned int client_id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     auto it = m_clients.find(client_id);
     if (it != m_clients.end()) shutdown(it->second->m_fd, SHUT_RDWR);
 }
@@ -114,7 +114,7 @@ void TransportSimpleSocketServer::disconnect_client(unsigned int client_id) {
 void TransportSimpleSocketServer::reap_finished_readers() {
     std::list<Reader> finished;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        MutexLock lock(m_mutex);
         for (auto it = m_readers.begin(); it != m_readers.end();) {
             auto next = std::next(it);
             if (it->finished) finished.splice(finished.end(), m_readers, it);
@@ -178,7 +178,7 @@ void TransportSimpleSocketServer::accept_failed(int error) {
 }
 
 void TransportSimpleSocketServer::admit(int fd) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     if (m_readers.size() >= m_maxClients) {
         close(fd);
         if (!m_capLogged) {
@@ -236,7 +236,7 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
                 info->m_id = id;
                 info->m_handler = handler;
                 {
-                    std::lock_guard<std::mutex> lock(m_mutex);
+                    MutexLock lock(m_mutex);
                     m_clients[id] = info;
                 }
                 while (m_running && !protocol->at_end_of_stream()) protocol->recv_message(info);
@@ -252,7 +252,7 @@ void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
     }
     if (m_running) {
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
+            MutexLock lock(m_mutex);
             m_clients.erase(id);
         }
         // Told here, on the reader thread, rather than by whichever sender

@@ -1,7 +1,6 @@
 // The server transport against raw-socket clients.
 #include "orvi/transport_simple_socket_server.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,12 +9,14 @@
 
 #include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
+#include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
 using testing::hex;
 using testing::RawConnection;
+using testing::thread_count;
 using testing::to_hex;
 
 struct Server {
@@ -135,15 +136,6 @@ TEST(ServerTransport, StopClosesEverythingPromptly) {
     EXPECT_TRUE(silent.wait_closed());
     EXPECT_EQ(s.handler->deleted().size(), 2u);
     EXPECT_THROW(RawConnection::connect_to(s.transport->local_port()), std::runtime_error);
-}
-
-size_t thread_count() {
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
 }
 
 bool wait_for(const std::function<bool()>& condition) {

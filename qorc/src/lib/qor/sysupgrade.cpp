@@ -28,11 +28,11 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
     struct HandlerScope {
         Sysupgrade& self;
         HandlerScope(Sysupgrade& s, const SysupgradeHandler& h) : self(s) {
-            std::lock_guard<std::mutex> lock(self.m_mutex);
+            orvi::MutexLock lock(self.m_mutex);
             self.m_handler = &h;
         }
         ~HandlerScope() {
-            std::lock_guard<std::mutex> lock(self.m_mutex);
+            orvi::MutexLock lock(self.m_mutex);
             self.m_handler = nullptr;
         }
     } scope(*this, handler);
@@ -42,7 +42,7 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
     request.set_not_save_config(no_keep);
 
     {
-        std::lock_guard<std::mutex> lock(m_transferMutex);
+        orvi::MutexLock lock(m_transferMutex);
         m_file.open(fw, std::ios::binary);
         // A directory opens as a stream on Linux, but it is no image.
         struct stat st;
@@ -63,8 +63,8 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
         m_buffer.reset(new char[kReadBlock]);
         m_bufferBegin = m_bufferEnd = 0;
         m_finished = false;
+        request.set_fw_size(m_length);
     }
-    request.set_fw_size(m_length);
     send_request(*this, request);
 
     std::string error;
@@ -79,7 +79,7 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
         error = "unknown exception";
     }
 
-    std::lock_guard<std::mutex> lock(m_transferMutex);
+    orvi::MutexLock lock(m_transferMutex);
     m_finished = true;
     if (m_dummyWorker) {
         m_dummyRunning = false;
@@ -95,7 +95,7 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
     const auto answer = parse_answer<pb::Answer>(data, size);
 
     if (answer.type() == pb::Answer::NEXT) {
-        std::lock_guard<std::mutex> lock(m_transferMutex);
+        orvi::MutexLock lock(m_transferMutex);
         // A NEXT after the whole image has been sent asks for nothing.
         if (m_finished || m_lengthDone >= m_length) return;
         if (m_bufferBegin == m_bufferEnd) {
@@ -110,7 +110,7 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
         send_message(m_buffer.get() + m_bufferBegin, chunk);
         m_bufferBegin += chunk;
         {
-            std::lock_guard<std::mutex> handlerLock(m_mutex);
+            orvi::MutexLock handlerLock(m_mutex);
             if (m_handler) {
                 m_handler->progression(static_cast<float>(m_lengthDone) /
                                        static_cast<float>(m_length) * 100.0f);
@@ -122,7 +122,7 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
             m_dummyWorker.reset(new std::thread(&Sysupgrade::worker_for_dummy_packets, this));
         }
     } else if (answer.type() == pb::Answer::LOG) {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        orvi::MutexLock lock(m_mutex);
         if (m_handler) m_handler->log(answer.log());
     }
 }

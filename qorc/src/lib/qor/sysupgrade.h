@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "orvi/mutex.h"
 #include "orvi/protocol.h"
 #include "qor/sysupgrade_handler.h"
 
@@ -38,22 +38,25 @@ class Sysupgrade : public orvi::ProxyCommandClient {
     void process_message(const char* data, unsigned int size) override;
 
   private:
-    std::mutex m_mutex;  // guards m_handler
-    const SysupgradeHandler* m_handler = nullptr;
+    orvi::Mutex m_mutex;
+    const SysupgradeHandler* m_handler GUARDED_BY(m_mutex) = nullptr;
 
-    // Everything below is used by the worker while the transfer runs, and by
-    // execute after it; m_transferMutex keeps the two apart.
-    std::mutex m_transferMutex;
-    bool m_finished = false;  // execute is past wait(): late answers are dropped
-    std::ifstream m_file;
-    uint32_t m_length = 0;
-    uint32_t m_lengthDone = 0;
+    // Everything below is used by the thread that routes the answers while
+    // the transfer runs, and by execute after it; m_transferMutex keeps the
+    // two apart.
+    orvi::Mutex m_transferMutex;
+    // execute is past wait(): late answers are dropped.
+    bool m_finished GUARDED_BY(m_transferMutex) = false;
+    std::ifstream m_file GUARDED_BY(m_transferMutex);
+    uint32_t m_length GUARDED_BY(m_transferMutex) = 0;
+    uint32_t m_lengthDone GUARDED_BY(m_transferMutex) = 0;
     // The image is read 64 KiB at a time, and sent from there a chunk at a
     // time: one read of the file for every 16 chunks.
     static constexpr size_t kReadBlock = 64 * 1024;
-    std::unique_ptr<char[]> m_buffer;
-    size_t m_bufferBegin = 0, m_bufferEnd = 0;
-    std::unique_ptr<std::thread> m_dummyWorker;
+    std::unique_ptr<char[]> m_buffer GUARDED_BY(m_transferMutex);
+    size_t m_bufferBegin GUARDED_BY(m_transferMutex) = 0;
+    size_t m_bufferEnd GUARDED_BY(m_transferMutex) = 0;
+    std::unique_ptr<std::thread> m_dummyWorker GUARDED_BY(m_transferMutex);
     std::atomic<bool> m_dummyRunning{false};
 };
 

@@ -1,20 +1,17 @@
-// The engine's side of the transport and life-handler interfaces.
+#include "protocol_transport_handler.h"
+
 #include "orvi/protocol.h"
 
 namespace orvi {
 
-ProtocolLifeHandler::~ProtocolLifeHandler() {
-    if (Protocol* protocol = m_protocol.load()) protocol->unregister_life_handler(this);
-}
-
 Protocol* ProtocolTransportHandler::begin_call() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     if (m_protocol) ++m_calls;
     return m_protocol;
 }
 
 void ProtocolTransportHandler::end_call() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     if (--m_calls == 0) m_idle.notify_all();
 }
 
@@ -52,9 +49,9 @@ void ProtocolTransportHandler::new_message(unsigned int client_id,
 }
 
 void ProtocolTransportHandler::clear() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     m_protocol = nullptr;
-    m_idle.wait(lock, [this] { return m_calls == 0; });
+    m_idle.wait(lock, [this]() REQUIRES(m_mutex) { return m_calls == 0; });
 }
 
 }  // namespace orvi
