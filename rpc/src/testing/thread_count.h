@@ -5,6 +5,7 @@
 #include <dirent.h>
 
 #include <cstddef>
+#include <thread>
 
 namespace orvi {
 namespace testing {
@@ -18,6 +19,14 @@ inline size_t thread_count() {
         closedir(dir);
     }
     return n;
+}
+
+// The count to compare later counts with. A sanitizer's runtime may start a
+// helper thread of its own along with the program's first thread: one thread
+// is started and joined first, so that such a helper is already counted.
+inline size_t thread_count_baseline() {
+    std::thread([] {}).join();
+    return thread_count();
 }
 
 }  // namespace testing

@@ -121,7 +121,7 @@ TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
 // Without an idle reader, what comes between calls waits for the next caller,
 // who delivers it in order before its own answer.
 TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
-    const size_t before = thread_count();
+    const size_t before = testing::thread_count_baseline();
     Session s(false);
     EXPECT_EQ(thread_count(), before);             // no reader, and workers start when needed
     s.board->write(hex("01 00000004 0801 2063"));  // a refusal for nobody

@@ -197,7 +197,7 @@ TEST(ServerTransport, ConnectionsBeyondTheCapAreClosedWithOneLine) {
 
 TEST(ServerTransport, ReaderThreadsEndWithTheirClients) {
     Server s;
-    const size_t baseline = thread_count();
+    const size_t baseline = testing::thread_count_baseline();
     std::vector<std::unique_ptr<RawConnection>> clients;
     for (int i = 0; i < 20; ++i) clients.push_back(s.greeted_client());
     ASSERT_TRUE(s.handler->wait_clients(20));
