@@ -79,7 +79,9 @@ TEST(WorkerPool, APeersJobsRunOneAtATimeInOrderWhileOthersGoOn) {
     const auto order = r.taken();
     ASSERT_GE(order.size(), 2u);
     EXPECT_EQ(order[1], "1");
-    if (order.size() == 3) EXPECT_EQ(order[2], "1-lost");
+    if (order.size() == 3) {
+        EXPECT_EQ(order[2], "1-lost");
+    }
 }
 
 TEST(WorkerPool, RunHereOnlyWhenNothingOfThePeerIsUnderWay) {
@@ -107,7 +109,7 @@ TEST(WorkerPool, RunHereOnlyWhenNothingOfThePeerIsUnderWay) {
 }
 
 TEST(WorkerPool, ThreadsStartWithTheFirstQueuedJob) {
-    const size_t before = thread_count();
+    const size_t before = testing::thread_count_baseline();
     Gate done;
     WorkerPool pool(3, [&](RoutingJob&) { done.open(); });
     RoutingJob job{1, {}, false};
