@@ -90,8 +90,8 @@ int run(int argc, char** argv) {
 
     std::cerr << "one-shot runs and round trips..." << std::endl;
     {
-        Board board(kRawBoard, w, "oneshot.out");
-        const std::string port = std::to_string(board.port);
+        Board board(kRawBoard);
+        const std::string port = std::to_string(board.port());
         row("`qorc discover`, ms vs handshake probe (connect, handshake, exit)",
             measure_pair(
                 6 * repeat + 1,
@@ -112,12 +112,12 @@ int run(int argc, char** argv) {
             "≤ 1.15", 2);
         row("`fw_config_mode` round trip, µs: `qor::Client` vs raw client",
             measure_pair(
-                repeat, [&](int) { return client_round_trip_us(board.port, 2000); },
-                [&](int) { return raw_client_round_trip_us(board.port, 2000); }),
+                repeat, [&](int) { return client_round_trip_us(board.port(), 2000); },
+                [&](int) { return raw_client_round_trip_us(board.port(), 2000); }),
             "≤ 1.30", 1);
         row("floor, µs: raw client round trip vs plain TCP 1-byte ping-pong",
             measure_pair(
-                repeat, [&](int) { return raw_client_round_trip_us(board.port, 2000); },
+                repeat, [&](int) { return raw_client_round_trip_us(board.port(), 2000); },
                 [](int) { return raw_ping_pong_us(2000); }),
             "—", 1);
     }

@@ -6,16 +6,13 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "files.h"
+#include "process.h"
 
 namespace bench {
 
 // A scratch directory for images and outputs, removed at the end.
-struct Work {
-    std::string dir;
-    Work();
-    ~Work();
-    std::string file(const std::string& name) const { return dir + "/" + name; }
-};
+using Work = support::TempDir;
 
 std::string make_image(const Work& w, const std::string& name, size_t size);
 
@@ -23,15 +20,15 @@ enum class BoardKind { kSim, kRaw };
 enum class ClientKind { kQorc, kRaw };
 
 // A board on a free port, ready to serve; killed when it goes.
-struct Board {
-    Child child;
-    unsigned short port = 0;
-    Board(BoardKind kind, const Work& w, const std::string& name,
-          std::vector<std::string> extra = {});
-    ~Board();
-    Board(const Board&) = delete;
-    Board& operator=(const Board&) = delete;
-    std::string url() const { return "127.0.0.1:" + std::to_string(port); }
+class Board {
+  public:
+    explicit Board(BoardKind kind, std::vector<std::string> extra = {});
+    unsigned short port() const { return m_server.port(); }
+    std::string url() const { return "127.0.0.1:" + std::to_string(port()); }
+    std::string out_path() const { return m_server.out_path(); }
+
+  private:
+    support::ServerProcess m_server;
 };
 
 struct UpgradeRun {

@@ -37,9 +37,8 @@ run() { # name build-dir ctest-args... -- cmake-args...
 run "normal" build/test-normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run "asan+ubsan" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=address,undefined
-# Only the threaded parts: the engine, the transports and the client library.
-BUILD_TARGETS="orvi_protocol_test orvi_worker_pool_test orvi_direct_dispatch_test orvi_caller_reads_test orvi_engine_hazards_test orvi_client_transport_test orvi_server_transport_test orvi_framing_test qor_client_test" \
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+# Only the threaded parts: the tests marked THREADED (cmake/QorcHelpers.cmake).
+BUILD_TARGETS="threaded_tests" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread
 echo "=== packaging (${SECONDS}s)"
 bash scripts/package.sh

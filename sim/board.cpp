@@ -11,7 +11,7 @@ Board::Board(const Options& options, BoardState& state)
       m_protocol(new orvi::Protocol(static_cast<size_t>(options.workers))) {
     m_bootDoneAt = std::chrono::steady_clock::now();
     if (!m_state.boot_done_at_start())
-        m_bootDoneAt += std::chrono::milliseconds(options.bootTimeMs);
+        m_bootDoneAt += std::chrono::milliseconds(options.boot_time_ms);
     // Chunks and other follow-on messages are routed by the connection's
     // reader; commands that may block (waiting for the boot) go to workers.
     m_protocol->set_direct_dispatch(orvi::DirectDispatch::kFollowOn);
@@ -35,8 +35,8 @@ std::shared_ptr<orvi::TransportSimpleSocketServer> Board::listen_on(const std::s
                                                                     const std::string& port) {
     auto transport = std::make_shared<orvi::TransportSimpleSocketServer>(host, port);
     transport->set_nodelay(m_options.nodelay);
-    transport->set_split_writes(m_options.splitFrames);
-    transport->set_handshake_answer(static_cast<unsigned char>(m_options.handshakeVersion));
+    transport->set_split_writes(m_options.split_frames);
+    transport->set_handshake_answer(static_cast<unsigned char>(m_options.handshake_version));
     // Which link a client came from: on a host with several boards, the
     // proof that each reached its own.
     transport->set_peer_log(
@@ -50,7 +50,7 @@ void Board::announce(const std::string& what, const std::string& host, unsigned 
 }
 
 std::string Board::start() {
-    auto transport = listen_on(m_options.listenHost, m_options.listenPort);
+    auto transport = listen_on(m_options.listen_host, m_options.listen_port);
     {
         orvi::MutexLock lock(m_mutex);
         m_transport = transport;
@@ -58,8 +58,8 @@ std::string Board::start() {
         m_up = true;
     }
     m_protocol->add_transport(transport);
-    announce("listening on", m_options.listenHost, transport->local_port());
-    return m_options.listenHost + ":" + std::to_string(transport->local_port());
+    announce("listening on", m_options.listen_host, transport->local_port());
+    return m_options.listen_host + ":" + std::to_string(transport->local_port());
 }
 
 void Board::run() {
@@ -115,7 +115,7 @@ void Board::drop_client(unsigned int client_id) {
 void Board::reboot(orvi::MutexLock& lock) {
     using std::chrono::milliseconds;
     // Let the answer that asked for the reboot reach the client first.
-    if (m_cond.wait_for(lock, milliseconds(m_options.rebootGraceMs),
+    if (m_cond.wait_for(lock, milliseconds(m_options.reboot_grace_ms),
                         [&]() REQUIRES(m_mutex) { return m_stopping; })) {
         return;
     }
@@ -127,20 +127,20 @@ void Board::reboot(orvi::MutexLock& lock) {
     old.reset();
     m_mutex.lock();
 
-    if (m_cond.wait_for(lock, milliseconds(m_options.rebootDelayMs),
+    if (m_cond.wait_for(lock, milliseconds(m_options.reboot_delay_ms),
                         [&]() REQUIRES(m_mutex) { return m_stopping; })) {
         return;
     }
-    if (m_options.neverReturn) {
+    if (m_options.never_return) {
         orvi::write_line(1, "qord-sim stays down");
         m_cond.wait(lock, [&]() REQUIRES(m_mutex) { return m_stopping; });
         return;
     }
     const std::string host =
-        m_options.rebootHost.empty() ? m_options.listenHost : m_options.rebootHost;
+        m_options.reboot_host.empty() ? m_options.listen_host : m_options.reboot_host;
     // Same port as before unless another one is named (a chosen free port included).
     const std::string port =
-        m_options.rebootPort.empty() ? std::to_string(m_port) : m_options.rebootPort;
+        m_options.reboot_port.empty() ? std::to_string(m_port) : m_options.reboot_port;
     m_mutex.unlock();
     std::shared_ptr<orvi::TransportSimpleSocketServer> back;
     try {
@@ -153,7 +153,7 @@ void Board::reboot(orvi::MutexLock& lock) {
     m_mutex.lock();
     m_transport = back;
     m_up = back != nullptr;
-    m_bootDoneAt = std::chrono::steady_clock::now() + milliseconds(m_options.bootTimeMs);
+    m_bootDoneAt = std::chrono::steady_clock::now() + milliseconds(m_options.boot_time_ms);
     m_cond.notify_all();
 }
 

@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
 
     std::unique_ptr<qord_sim::BoardState> state;
     try {
-        state.reset(new qord_sim::BoardState(options.statePath));
+        state.reset(new qord_sim::BoardState(options.state_path));
     } catch (const std::exception& e) {
         orvi::log_error(std::string("qord-sim: ") + e.what());
         return 2;
@@ -44,8 +44,8 @@ int main(int argc, char** argv) {
     try {
         board.start();
     } catch (const std::exception& e) {
-        orvi::log_error("qord-sim: cannot listen on " + options.listenHost + ":" +
-                        options.listenPort + ": " + e.what());
+        orvi::log_error("qord-sim: cannot listen on " + options.listen_host + ":" +
+                        options.listen_port + ": " + e.what());
         return 1;
     }
     std::thread waiter([&] {

@@ -1,4 +1,5 @@
 #include "options.h"
+#include "qor/protobuf/catalogue.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -88,7 +89,7 @@ int bad(const std::string& message) {
 }  // namespace
 
 std::string full_command_name(const std::string& name) {
-    const std::string prefix = "com.korvane.command.";
+    const std::string prefix = qor::catalogue::kCommandPrefix;
     if (name.compare(0, prefix.size(), prefix) == 0) return name;
     // Short device names as users type them: "psi.get" -> "device.psi.get".
     static const std::set<std::string> device = {"get",     "identities.get", "psi.get",
@@ -110,29 +111,29 @@ int parse_options(int argc, char** argv, Options& o) {
         } else if (arg == "--nodelay") {
             o.nodelay = true;
         } else if (arg == "--split-frames") {
-            o.splitFrames = true;
+            o.split_frames = true;
         } else if (arg == "--drop-after-last-chunk") {
-            o.dropAfterLastChunk = true;
+            o.drop_after_last_chunk = true;
         } else if (arg == "--never-return") {
-            o.neverReturn = true;
+            o.never_return = true;
         } else if (arg == "--no-version") {
-            o.noVersion = true;
+            o.no_version = true;
         } else if (arg == "--only-wait-boot-end") {
-            o.onlyWaitBootEnd = true;
+            o.only_wait_boot_end = true;
         } else if (kValueOptions.count(arg) == 0) {
             return bad(arg[0] == '-' ? "unknown option: " + arg : "unexpected argument: " + arg);
         } else if (!needs()) {
             return bad(arg + " needs a value");
         } else if (arg == "--listen") {
-            if (!split_address(value, o.listenHost, o.listenPort)) {
+            if (!split_address(value, o.listen_host, o.listen_port)) {
                 return bad("--listen takes HOST:PORT, not " + std::string(value));
             }
         } else if (arg == "--reboot-listen") {
-            if (!split_address(value, o.rebootHost, o.rebootPort)) o.rebootHost = value;
+            if (!split_address(value, o.reboot_host, o.reboot_port)) o.reboot_host = value;
         } else if (arg == "--state") {
-            o.statePath = value;
+            o.state_path = value;
         } else if (arg == "--image-out") {
-            o.imageOut = value;
+            o.image_out = value;
         } else if (arg == "--refuse") {
             o.refused.insert(full_command_name(value));
         } else if (arg == "--drop") {
@@ -147,19 +148,19 @@ int parse_options(int argc, char** argv, Options& o) {
         } else if (!to_int(value, n)) {
             return bad(arg + " takes a whole number, not " + std::string(value));
         } else if (arg == "--reboot-delay-ms") {
-            o.rebootDelayMs = n;
+            o.reboot_delay_ms = n;
         } else if (arg == "--reboot-grace-ms") {
-            o.rebootGraceMs = n;
+            o.reboot_grace_ms = n;
         } else if (arg == "--boot-time-ms") {
-            o.bootTimeMs = n;
+            o.boot_time_ms = n;
         } else if (arg == "--workers") {
             if (n < 1) return bad("--workers takes at least 1");
             o.workers = n;
         } else if (arg == "--handshake-version") {
             if (n > 255) return bad("--handshake-version takes 0 to 255");
-            o.handshakeVersion = n;
+            o.handshake_version = n;
         } else if (arg == "--refuse-chunk") {
-            o.refuseChunk = static_cast<unsigned long>(n);
+            o.refuse_chunk = static_cast<unsigned long>(n);
         } else {
             return bad("unknown option: " + arg);
         }

@@ -8,30 +8,30 @@
 namespace qord_sim {
 
 struct Options {
-    std::string listenHost = "127.0.0.1";
-    std::string listenPort = "7000";
-    std::string rebootHost;  // where the board comes back; empty: where it was
-    std::string rebootPort;
-    std::string statePath;
-    std::string imageOut;  // every received image is written here
-    int rebootDelayMs = 1000;
-    int rebootGraceMs = 300;
-    int bootTimeMs = 0;
+    std::string listen_host = "127.0.0.1";
+    std::string listen_port = "7000";
+    std::string reboot_host;  // where the board comes back; empty: where it was
+    std::string reboot_port;
+    std::string state_path;
+    std::string image_out;  // every received image is written here
+    int reboot_delay_ms = 1000;
+    int reboot_grace_ms = 300;
+    int boot_time_ms = 0;
     int workers = 4;
     bool nodelay = false;
-    bool splitFrames = false;
-    int handshakeVersion = 1;
+    bool split_frames = false;
+    int handshake_version = 1;
 
     // Misbehaviour, for tests.
     std::set<std::string> refused;                // commands answered as unknown
     std::map<std::string, std::string> failures;  // command -> exception text
     std::set<std::string> dropped;                // commands whose connection breaks
     std::set<std::string> stalled;                // commands never answered
-    unsigned long refuseChunk = 0;                // 1-based; 0: never
-    bool dropAfterLastChunk = false;
-    bool neverReturn = false;
-    bool noVersion = false;
-    bool onlyWaitBootEnd = false;
+    unsigned long refuse_chunk = 0;               // 1-based; 0: never
+    bool drop_after_last_chunk = false;
+    bool never_return = false;
+    bool no_version = false;
+    bool only_wait_boot_end = false;
 };
 
 // Returns -1 to run, else an exit status (help: 0, bad usage: 2). Prints its

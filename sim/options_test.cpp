@@ -1,4 +1,5 @@
 #include "options.h"
+#include "testing/captured_output.h"
 
 #include <gtest/gtest.h>
 
@@ -9,12 +10,10 @@ int parse(std::vector<std::string> words, Options& o) {
     words.insert(words.begin(), "qord-sim");
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
-    ::testing::internal::CaptureStderr();
-    ::testing::internal::CaptureStdout();
-    const int status = parse_options(static_cast<int>(argv.size()), argv.data(), o);
-    ::testing::internal::GetCapturedStdout();
-    ::testing::internal::GetCapturedStderr();
-    return status;
+    // What it prints is not looked at here.
+    orvi::testing::CapturedOutput err(orvi::testing::CapturedOutput::kStderr);
+    orvi::testing::CapturedOutput out(orvi::testing::CapturedOutput::kStdout);
+    return parse_options(static_cast<int>(argv.size()), argv.data(), o);
 }
 
 TEST(SimOptions, ParsesAddressesAndMisbehaviour) {
@@ -24,15 +23,15 @@ TEST(SimOptions, ParsesAddressesAndMisbehaviour) {
                      "com.korvane.command.echo", "--refuse-chunk", "3", "--never-return"},
                     o),
               -1);
-    EXPECT_EQ(o.listenHost, "127.0.0.3");
-    EXPECT_EQ(o.listenPort, "0");
-    EXPECT_EQ(o.rebootHost, "127.0.0.2");
-    EXPECT_EQ(o.rebootPort, "");
+    EXPECT_EQ(o.listen_host, "127.0.0.3");
+    EXPECT_EQ(o.listen_port, "0");
+    EXPECT_EQ(o.reboot_host, "127.0.0.2");
+    EXPECT_EQ(o.reboot_port, "");
     EXPECT_EQ(o.failures.at("com.korvane.command.device.psi.set"), "disk = full");
     EXPECT_EQ(o.refused.count("com.korvane.command.version"), 1u);
     EXPECT_EQ(o.dropped.count("com.korvane.command.echo"), 1u);
-    EXPECT_EQ(o.refuseChunk, 3u);
-    EXPECT_TRUE(o.neverReturn);
+    EXPECT_EQ(o.refuse_chunk, 3u);
+    EXPECT_TRUE(o.never_return);
 }
 
 TEST(SimOptions, RefusesBadUsage) {

@@ -7,6 +7,7 @@
 #include "board.h"
 #include "handlers.h"
 #include "orvi/log_line.h"
+#include "qor/protobuf/catalogue.h"
 #include "qor/protobuf/sysupgrade.pb.h"
 
 namespace qord_sim {
@@ -15,7 +16,7 @@ namespace {
 
 namespace pb = qor::protobuf::sysupgrade;
 
-constexpr uint32_t kChunkSize = 4096;
+constexpr uint32_t kChunkSize = qor::catalogue::kSysupgradeChunkSize;
 
 // 64-bit FNV-1a, fed chunk by chunk.
 class Digest {
@@ -72,8 +73,8 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
         orvi::write_line(1, "qord-sim upgrade: " + std::to_string(m_size) +
                                 " bytes, keep_config=" + (request.keep_config() ? "1" : "0") +
                                 ", not_save_config=" + (request.not_save_config() ? "1" : "0"));
-        if (!m_board.options().imageOut.empty()) {
-            m_out.open(m_board.options().imageOut, std::ios::binary | std::ios::trunc);
+        if (!m_board.options().image_out.empty()) {
+            m_out.open(m_board.options().image_out, std::ios::binary | std::ios::trunc);
         }
         send_answer(pb::Answer::LOG, "Receiving image of " + std::to_string(m_size) + " bytes\n");
         send_answer(pb::Answer::NEXT);
@@ -81,7 +82,7 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
 
     void chunk(const char* data, unsigned int size) {
         if (++m_chunks == 1) m_firstChunk = std::chrono::steady_clock::now();
-        if (m_chunks == m_board.options().refuseChunk) {
+        if (m_chunks == m_board.options().refuse_chunk) {
             throw std::runtime_error("image refused at chunk " + std::to_string(m_chunks));
         }
         const uint32_t expected = std::min(kChunkSize, m_size - m_received);
@@ -105,7 +106,7 @@ class UpgradeHandler : public orvi::ProxyCommandHandler {
         orvi::write_line(1, "qord-sim upgrade: received " + std::to_string(m_received) +
                                 " bytes in " + std::to_string(micros) + " us");
         m_board.state().install_firmware(image_version(), m_digest.hex());
-        if (m_board.options().dropAfterLastChunk) {
+        if (m_board.options().drop_after_last_chunk) {
             m_board.drop_client(get_transport_client_id());
         } else {
             send_answer(pb::Answer::LOG, "\nVerifying image");

@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "loopback.h"
+#include "process.h"
+
 namespace e2e {
 
 struct Result {
@@ -17,39 +20,11 @@ struct Result {
     std::string err;
 };
 
-// A scratch directory removed with everything in it when the object goes.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-    std::string write(const std::string& name, const std::string& content) const;
-
-  private:
-    std::string m_path;
-};
-
-std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
-
-// A child process with standard output and error going to files.
-class Process {
-  public:
-    Process(const std::string& binary, const std::vector<std::string>& args,
-            const std::string& outPath, const std::string& errPath);
-    ~Process();  // kills the child if it is still running
-    pid_t pid() const { return m_pid; }
-    void signal(int sig);
-    // Waits at most timeoutMs; kills the child when it overruns. Returns the
-    // status as Result::status does.
-    int wait(int timeoutMs = 60000);
-    bool running();
-
-  private:
-    pid_t m_pid = -1;
-    int m_status = -1;
-};
+using support::count_of;
+using support::file_exists;
+using support::Process;
+using support::read_file;
+using support::TempDir;
 
 const char* qorc_binary();
 const char* qord_sim_binary();
@@ -65,28 +40,26 @@ Result run_command(const std::string& binary, const std::vector<std::string>& ar
 // runs in an empty network namespace of its own.
 Result run_qorc(const std::vector<std::string>& args, int timeoutMs = 60000);
 
-// qord-sim on 127.0.0.1 with a free port, started and ready to serve.
+// qord-sim on a free port of `listen_host`, started and ready to serve.
 class Sim {
   public:
-    explicit Sim(std::vector<std::string> args = {}, const std::string& listenHost = "127.0.0.1");
+    explicit Sim(std::vector<std::string> args = {}, const std::string& listen_host = "127.0.0.1");
     ~Sim();
-    unsigned short port() const { return m_port; }
+    unsigned short port() const { return m_server.port(); }
     std::string address() const;  // host:port, for --url
     std::vector<std::string> url() const { return {"--url", address()}; }
     // Everything the simulator printed so far.
-    std::string out() const;
-    std::string err() const;
-    // Waits until its output contains `text`; false after timeoutMs.
+    std::string out() const { return m_server.out(); }
+    std::string err() const { return m_server.err(); }
+    // Waits until its output holds a whole line with `text`; false after timeoutMs.
     bool wait_output(const std::string& text, int timeoutMs = 15000) const;
-    Process& process() { return *m_process; }
+    Process& process() { return m_server.process(); }
     // SIGTERM and wait; returns the exit status.
-    int stop();
+    int stop() { return m_server.stop(); }
 
   private:
-    TempDir m_dir;
     std::string m_host;
-    unsigned short m_port = 0;
-    Process* m_process = nullptr;
+    support::ServerProcess m_server;
 };
 
 // Discards what this process writes to std::cout while it lives.
@@ -111,7 +84,6 @@ struct Usage {
 };
 Usage usage_of(pid_t pid);
 
-// An address on the loopback network where nothing listens.
-std::string closed_address();
+using support::closed_address;
 
 }  // namespace e2e

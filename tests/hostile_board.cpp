@@ -1,11 +1,5 @@
 #include "hostile_board.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <stdexcept>
 
@@ -93,50 +87,19 @@ bool Request::is(const std::string& command) const {
            name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-BoardConnection::~BoardConnection() {
-    close();
-}
-
-void BoardConnection::close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-}
-
-std::string BoardConnection::read(size_t n) {
-    std::string out(n, '\0');
-    size_t done = 0;
-    while (done < n) {
-        pollfd pfd{m_fd, POLLIN, 0};
-        if (poll(&pfd, 1, 10000) != 1) throw std::runtime_error("qorc is silent");
-        const ssize_t r = ::read(m_fd, &out[done], n - done);
-        if (r <= 0) throw std::runtime_error("qorc hung up");
-        done += static_cast<size_t>(r);
-    }
-    return out;
-}
-
-void BoardConnection::write(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t r = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (r <= 0) throw std::runtime_error("qorc hung up");
-        done += static_cast<size_t>(r);
-    }
-}
-
 void BoardConnection::handshake(unsigned char version) {
-    if (read(2) != std::string("\x01\x01", 2)) throw std::runtime_error("bad handshake");
-    write(std::string(1, static_cast<char>(version)));
+    if (m_conn.read(2) != std::string("\x01\x01", 2)) throw std::runtime_error("bad handshake");
+    m_conn.write(std::string(1, static_cast<char>(version)));
 }
 
 Request BoardConnection::next() {
-    const auto count = static_cast<unsigned char>(read(1)[0]);
+    const auto count = static_cast<unsigned char>(m_conn.read(1)[0]);
     std::vector<std::string> buffers;
     for (unsigned i = 0; i < count; ++i) {
-        const std::string len = read(4);
+        const std::string len = m_conn.read(4);
         const uint32_t n = (uint32_t(uint8_t(len[0])) << 24) | (uint32_t(uint8_t(len[1])) << 16) |
                            (uint32_t(uint8_t(len[2])) << 8) | uint32_t(uint8_t(len[3]));
-        buffers.push_back(read(n));
+        buffers.push_back(m_conn.read(n));
     }
     if (buffers.size() < 2) throw std::runtime_error("frame without envelope");
     // Wire order: Header, CommandHeader, then the bodies.
@@ -159,48 +122,21 @@ void BoardConnection::answer(const Request& to, int status, const std::vector<st
     buffers.insert(buffers.end(), bodies.begin(), bodies.end());
     std::string frame(1, static_cast<char>(buffers.size()));
     for (const std::string& b : buffers) frame += be32(static_cast<uint32_t>(b.size())) + b;
-    write(frame);
-}
-
-void BoardConnection::wait_closed() {
-    char c;
-    while (::read(m_fd, &c, 1) > 0) {
-    }
+    m_conn.write(frame);
 }
 
 HostileBoard::HostileBoard(Script script) : m_script(std::move(script)) {
-    m_listenFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        listen(m_listenFd, 16) != 0) {
-        throw std::runtime_error("cannot listen on 127.0.0.1");
-    }
-    socklen_t len = sizeof addr;
-    getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
     m_thread = std::thread(&HostileBoard::serve, this);
 }
 
 HostileBoard::~HostileBoard() {
     m_running = false;
     m_thread.join();
-    close(m_listenFd);
-}
-
-void HostileBoard::stop_listening() {
-    if (m_listenFd >= 0) {
-        // Without a listener the port refuses connections at once.
-        shutdown(m_listenFd, SHUT_RDWR);
-    }
 }
 
 void HostileBoard::serve() {
     while (m_running) {
-        pollfd pfd{m_listenFd, POLLIN, 0};
-        if (poll(&pfd, 1, 50) != 1 || !(pfd.revents & POLLIN)) continue;
-        const int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        const int fd = m_listener.accept_one(nullptr, 50);
         if (fd < 0) continue;
         BoardConnection c(fd);
         try {

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "loopback.h"
+
 namespace e2e {
 
 // Protocol Buffers wire encoding, as much as the envelope and answers need.
@@ -46,10 +48,7 @@ struct Request {
 // up or stays silent for 10 s, which ends the script for that connection.
 class BoardConnection {
   public:
-    explicit BoardConnection(int fd) : m_fd(fd) {}
-    ~BoardConnection();
-    BoardConnection(const BoardConnection&) = delete;
-    BoardConnection& operator=(const BoardConnection&) = delete;
+    explicit BoardConnection(int fd) : m_conn(fd, 10000) {}
 
     // Reads the two handshake bytes and answers with `version`.
     void handshake(unsigned char version = 1);
@@ -58,13 +57,11 @@ class BoardConnection {
     void answer(const Request& to, int status, const std::vector<std::string>& bodies = {},
                 const std::string& text = "");
     // Waits until qorc closes the connection.
-    void wait_closed();
-    void close();
+    void wait_closed() { m_conn.drain(); }
+    void close() { m_conn.close(); }
 
   private:
-    std::string read(size_t n);
-    void write(const std::string& bytes);
-    int m_fd;
+    support::RawConnection m_conn;
 };
 
 // Accepts connections on 127.0.0.1 one after another and runs the script on
@@ -74,17 +71,16 @@ class HostileBoard {
     using Script = std::function<void(BoardConnection&, int index)>;
     explicit HostileBoard(Script script);
     ~HostileBoard();
-    std::string address() const { return "127.0.0.1:" + std::to_string(m_port); }
+    std::string address() const { return "127.0.0.1:" + m_listener.port_text(); }
     // Later connections are refused.
-    void stop_listening();
+    void stop_listening() { m_listener.shutdown(); }
     int connections() const { return m_connections; }
 
   private:
     void serve();
 
     Script m_script;
-    int m_listenFd;
-    unsigned short m_port = 0;
+    support::RawListener m_listener;
     std::atomic<bool> m_running{true};
     std::atomic<int> m_connections{0};
     std::thread m_thread;

@@ -99,34 +99,20 @@ class Topology {
         }
     }
 
-    // qord-sim on board i, with PSI that names the board.
+    // qord-sim on board i, with PSI that names the board; returns once it
+    // listens.
     void start_board(int i, const TempDir& dir) {
         const std::string n = std::to_string(i);
         const std::string state = dir.write(
             "state" + n + ".json",
             "{\"version\": \"board-" + n + " 1.0\", \"devices\": [{\"id\": 0, " +
                 "\"mac\": \"02:00:00:00:00:0" + n + "\", \"psi\": {\"board\": " + n + "}}]}");
-        m_sims.push_back(std::make_unique<Process>(
-            kIp,
-            std::vector<std::string>{"netns", "exec", m_boards[i - 1], qord_sim_binary(),
-                                     "--listen", kBoard + ":7000", "--state", state,
-                                     "--reboot-delay-ms", "200", "--reboot-grace-ms", "50"},
-            dir.file("sim" + n + ".out"), dir.file("sim" + n + ".err")));
-        m_outs.push_back(dir.file("sim" + n + ".out"));
+        m_sims.push_back(std::make_unique<support::ServerProcess>(
+            kIp, std::vector<std::string>{"netns", "exec", m_boards[i - 1], qord_sim_binary(),
+                                          "--listen", kBoard + ":7000", "--state", state,
+                                          "--reboot-delay-ms", "200", "--reboot-grace-ms", "50"}));
     }
-    std::string board_out(int i) const { return read_file(m_outs[i - 1]); }
-
-    bool wait_ready() const {
-        for (int tries = 0; tries < 1000; ++tries) {
-            int ready = 0;
-            for (int i = 1; i <= kBoards; ++i) {
-                ready += board_out(i).find("listening on") != std::string::npos;
-            }
-            if (ready == kBoards) return true;
-            usleep(10000);
-        }
-        return false;
-    }
+    std::string board_out(int i) const { return m_sims[i - 1]->out(); }
 
     // qorc in the host namespace.
     Result qorc(const std::string& bind, std::vector<std::string> args) const {
@@ -153,15 +139,8 @@ class Topology {
     std::string m_host;
     std::vector<std::string> m_boards;
     std::vector<std::string> m_made;
-    std::vector<std::unique_ptr<Process>> m_sims;
-    std::vector<std::string> m_outs;
+    std::vector<std::unique_ptr<support::ServerProcess>> m_sims;
 };
-
-size_t count_of(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
 
 std::string psi_line(int board) {
     return "{\"board\":" + std::to_string(board) + "}\n";
@@ -175,7 +154,6 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     if (!net.build(why)) GTEST_SKIP() << why;
     TempDir dir;
     for (int i = 1; i <= Topology::kBoards; ++i) net.start_board(i, dir);
-    ASSERT_TRUE(net.wait_ready());
 
     // Distinct host addresses with source routing: --bind ADDRESS.
     net.use_distinct_addresses();

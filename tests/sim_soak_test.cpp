@@ -21,12 +21,6 @@ namespace {
 const char* const kPsiRead = "/boot/psi";
 const char* const kPsiAmend = "/update/psi/amend";
 
-size_t count_of(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 struct Board {
     TempDir dir;
     Sim sim{

@@ -8,13 +8,13 @@
 #include <memory>
 
 #include "harness.h"
-#include "testing/raw_peer.h"
+#include "loopback.h"
 
 namespace e2e {
 namespace {
 
-using orvi::testing::hex;
-using orvi::testing::RawConnection;
+using support::hex;
+using support::RawConnection;
 
 Result run_sim(const std::vector<std::string>& args) {
     TempDir dir;

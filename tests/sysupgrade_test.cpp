@@ -44,11 +44,11 @@ std::string progress(size_t size) {
 struct Upgrade {
     TempDir dir;
     std::unique_ptr<Sim> sim;
-    std::string imageOut;
+    std::string image_out;
 
     explicit Upgrade(std::vector<std::string> args = {}) {
-        imageOut = dir.file("received.img");
-        args.insert(args.end(), {"--reboot-delay-ms", "500", "--image-out", imageOut});
+        image_out = dir.file("received.img");
+        args.insert(args.end(), {"--reboot-delay-ms", "500", "--image-out", image_out});
         sim.reset(new Sim(args));
     }
     std::string hello() const { return "Try to connect to " + sim->address() + "\n"; }
@@ -85,7 +85,7 @@ TEST(Sysupgrade, FullSuccessHoldsTheMarkerAndDeliversTheImage) {
               u.hello() + u.receiving(5017) + "\r81 % \r100 % " + kFlashing +
                   "Rebooting...Reboot done\nUpgraded to 9.9.9\nUpgrade done with success\n");
     EXPECT_EQ(read_file(u.dir.file("err")), "");
-    EXPECT_EQ(read_file(u.imageOut), bytes);
+    EXPECT_EQ(read_file(u.image_out), bytes);
     EXPECT_NE(u.sim->out().find("5017 bytes, keep_config=1, not_save_config=0"), std::string::npos);
 
     // The same image again: the board still runs it afterwards.
@@ -115,7 +115,7 @@ TEST(Sysupgrade, RebootToAnotherAddressWithDotsWhileBooting) {
                                             "Upgrade done with success\n")))
         << r.out.substr(head.size());
     EXPECT_NE(u.sim->out().find("back on 127.0.0.2:" + port), std::string::npos);
-    EXPECT_EQ(read_file(u.imageOut), bytes);
+    EXPECT_EQ(read_file(u.image_out), bytes);
 }
 
 TEST(Sysupgrade, UnusableImagesFailBeforeSending) {
@@ -172,7 +172,7 @@ TEST(Sysupgrade, DropAfterTheLastChunkIsTakenAsTheReboot) {
                          "Skipped error as everything has been sent: Connection lost\n"
                          "Rebooting...Reboot done\nUpgraded to 5.0\nUpgrade done with success\n");
     EXPECT_EQ(r.err, "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(read_file(u.imageOut), bytes);
+    EXPECT_EQ(read_file(u.image_out), bytes);
 }
 
 TEST(Sysupgrade, BoardThatNeverReturns) {

@@ -1,5 +1,6 @@
 // The framework's exception types. Each derives directly from
 // std::exception, so callers catch them one by one.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <exception>

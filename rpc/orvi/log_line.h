@@ -1,5 +1,6 @@
 // Diagnostics that several threads write at once: each line leaves in one
 // write(2), so lines from concurrent connections never mix mid-line.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <string>

@@ -1,4 +1,5 @@
 // Buffer lists: the unit that the engine hands to a transport and gets back.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <cassert>

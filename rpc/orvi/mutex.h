@@ -2,6 +2,7 @@
 // safety analysis understands (std::mutex carries no annotations). Thin
 // wrappers over the standard ones, with the same semantics. Includes only
 // public headers.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <chrono>

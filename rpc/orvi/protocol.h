@@ -24,6 +24,7 @@
 // ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
 // a proxy's mutex -> m_clientsMutex. Each field below names its lock, and
 // clang's -Wthread-safety checks that it is held.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <atomic>
@@ -123,6 +124,11 @@ class Protocol {
         bind_client_proxy(proxy, name);
         return proxy;
     }
+    // The same for a proxy class that names its own command (T::kName).
+    template <class T>
+    std::shared_ptr<T> create_command_proxy() {
+        return create_command_proxy<T>(T::kName);
+    }
 
     // Proxy side.
     void send_message(ProxyInfo& info, MessageConst& message);
@@ -147,11 +153,12 @@ class Protocol {
     void set_max_handlers_per_client(size_t n) { m_maxHandlersPerClient = n; }
     static constexpr size_t kDefaultMaxHandlersPerClient = 1024;
 
+    // Test hook: counters that tests read to see what the engine did.
     struct Stats {
-        std::atomic<unsigned> transportsAdded{0}, transportsActive{0};
-        std::atomic<unsigned> clientsCreated{0}, clientsActive{0};
-        std::atomic<unsigned> proxiesCreated{0}, proxiesActive{0};
-        std::atomic<unsigned> messagesSent{0}, messagesProcessed{0}, messagesNoHandler{0};
+        std::atomic<unsigned> transports_added{0}, transports_active{0};
+        std::atomic<unsigned> clients_created{0}, clients_active{0};
+        std::atomic<unsigned> proxies_created{0}, proxies_active{0};
+        std::atomic<unsigned> messages_sent{0}, messages_processed{0}, messages_no_handler{0};
     };
     const Stats& stats() const { return m_stats; }
 

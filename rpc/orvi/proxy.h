@@ -4,6 +4,7 @@
 // worker threads (one message of a client at a time); wait() and the sends of
 // a client proxy run on the application thread. Proxies are always held by
 // std::shared_ptr and are not copyable.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <atomic>

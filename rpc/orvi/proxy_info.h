@@ -1,4 +1,5 @@
 // The engine's bookkeeping for one proxy, shared by the proxy and the engine.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <string>

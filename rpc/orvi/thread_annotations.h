@@ -2,6 +2,7 @@
 // attributes; other compilers see nothing. Fields say which mutex guards
 // them (GUARDED_BY), functions which mutex they need held (REQUIRES) or must
 // not be called with (EXCLUDES). Includes only standard headers.
+// Public header: includes only other public headers.
 #pragma once
 
 #if defined(__clang__)

@@ -1,4 +1,5 @@
 // The interfaces between the engine and any transport.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,5 @@
 // Makes not-yet-connected transports from URL texts, chosen by scheme.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <map>

@@ -1,4 +1,5 @@
 // The client end of one TCP connection to a daemon.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <atomic>
@@ -7,16 +8,17 @@
 #include <string>
 #include <thread>
 
+#include "orvi/exceptions.h"
 #include "orvi/mutex.h"
-#include "orvi/simple_socket.h"
 #include "orvi/transport.h"
 #include "orvi/url.h"
 
 namespace orvi {
 
 namespace simple_socket {
-class WakeEvent;
+class InfoClient;
 class ReadTurn;
+class WakeEvent;
 }  // namespace simple_socket
 
 // Threading: connect, start_serve, stop_serve and disconnect are called by
@@ -67,10 +69,6 @@ class TransportSimpleSocketClient : public TransportClient {
     void set_idle_reader(bool on);
 
     static constexpr std::chrono::milliseconds kIdleBeforeReader{20};
-
-    // Forward to the framing loops.
-    static void write(int fd, const char* data, unsigned int size);
-    static void read(int fd, char* data, unsigned int size);
 
     std::string m_host;
     std::string m_port;

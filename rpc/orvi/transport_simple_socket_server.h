@@ -1,6 +1,7 @@
 // The board's end of the simple-socket transport: listens, accepts any
 // number of clients, runs the server side of the handshake and one reader
 // thread per client.
+// Public header: includes only other public headers.
 #pragma once
 
 #include <atomic>
@@ -11,15 +12,17 @@
 #include <string>
 #include <thread>
 
+#include "orvi/exceptions.h"
 #include "orvi/mutex.h"
-#include "orvi/simple_socket.h"
 #include "orvi/transport.h"
 
 namespace orvi {
 
 namespace simple_socket {
+class InfoClient;
+class ProtocolV1;
 class WakeEvent;
-}
+}  // namespace simple_socket
 
 // Threading: listen, start_serve and stop_serve belong to the owner's thread.
 // One accept thread, plus one reader thread per client, report to the
@@ -42,8 +45,8 @@ class TransportSimpleSocketServer : public Transport {
     void listen();
     unsigned short local_port() const { return m_localPort; }
 
-    // The version byte answered to a client that speaks version 1. Anything
-    // but 1 makes such clients fail their handshake; for tests.
+    // Test hook: the version byte answered to a client that speaks version 1.
+    // Anything but 1 makes such clients fail their handshake.
     void set_handshake_answer(unsigned char version) { m_handshakeAnswer = version; }
     // Off by default, as on a board.
     void set_nodelay(bool on) { m_nodelay = on; }

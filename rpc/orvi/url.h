@@ -4,6 +4,7 @@
 // results (empty user info, paths that swallow the query, a text without "?"
 // read whole as parameters) are relied upon by callers and must not be
 // "fixed".
+// Public header: includes only other public headers.
 #pragma once
 
 #include <map>

@@ -7,17 +7,17 @@
 #include <chrono>
 #include <thread>
 
+#include "loopback.h"
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_client.h"
-#include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
 
 namespace orvi {
 namespace {
 
-using testing::hex;
-using testing::RawConnection;
-using testing::RawListener;
+using support::hex;
+using support::RawConnection;
+using support::RawListener;
 
 // Takes its time over each answer body, so that a waiter released too early
 // would see nothing.

@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "header.pb.h"
-#include "proxy/command_header.pb.h"
+#include "envelope/header.pb.h"
+#include "envelope/proxy/command_header.pb.h"
 
 namespace orvi {
 namespace {

@@ -5,7 +5,7 @@
 #include <climits>
 #include <string>
 
-#include "header.pb.h"
+#include "envelope/header.pb.h"
 #include "orvi/log_line.h"
 #include "protocol_transport_handler.h"
 #include "worker_pool.h"
@@ -54,8 +54,8 @@ Protocol::~Protocol() {
 }
 
 void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
-    ++m_stats.transportsAdded;
-    ++m_stats.transportsActive;
+    ++m_stats.transports_added;
+    ++m_stats.transports_active;
     std::shared_ptr<ProtocolTransportHandler> handler;
     {
         MutexLock lock(m_transportsMutex);
@@ -75,7 +75,7 @@ void Protocol::add_transport(const std::shared_ptr<Transport>& transport) {
 }
 
 void Protocol::remove_transport(const std::shared_ptr<Transport>& transport) {
-    --m_stats.transportsActive;
+    --m_stats.transports_active;
     {
         MutexLock lock(m_transportsMutex);
         if (m_transportMap.find(transport) == m_transportMap.end()) return;
@@ -118,13 +118,13 @@ unsigned int Protocol::new_client(Transport& transport) {
         MutexLock lock(m_clientsMutex);
         m_clientMap[id] = client;
     }
-    ++m_stats.clientsCreated;
-    ++m_stats.clientsActive;
+    ++m_stats.clients_created;
+    ++m_stats.clients_active;
     return id;
 }
 
 void Protocol::delete_client(unsigned int id) {
-    --m_stats.clientsActive;
+    --m_stats.clients_active;
     {
         MutexLock lock(m_clientsMutex);
         auto it = m_clientMap.find(id);
@@ -158,7 +158,7 @@ void Protocol::client_gone(unsigned int id) {
         client->handlers = 0;
     }
     for (auto& entry : proxies) {
-        --m_stats.proxiesActive;
+        --m_stats.proxies_active;
         entry.second->client_lost("Connection lost");
     }
 }
@@ -227,6 +227,7 @@ void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char
     MutexLock lock(m_clientsMutex);
     const size_t n = m_clientMap.size();
     if (n != 1) {
+        // Kept as is: the text that users have always been shown.
         const std::string text = "clientMap.size() == " + std::to_string(n);
         log_error((n == 0 ? "Error: " : "Warning: ") + text);
         if (n == 0) throw ProtocolException(text);
@@ -238,8 +239,8 @@ void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char
         MutexLock clientLock(client.mutex);
         client.proxy_map[id] = proxy;
     }
-    ++m_stats.proxiesCreated;
-    ++m_stats.proxiesActive;
+    ++m_stats.proxies_created;
+    ++m_stats.proxies_active;
 }
 
 void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
@@ -276,7 +277,7 @@ void Protocol::send_message(ProxyInfo& info, MessageConst& message) {
     message.push_back(BufferConst(bytes.data(), bytes.size()));
 
     if (auto transport = get_proxy_transport(info)) {
-        ++m_stats.messagesSent;
+        ++m_stats.messages_sent;
         transport->send_message(info.client_id, message);
     }
 }
@@ -299,7 +300,7 @@ std::shared_ptr<Proxy> Protocol::take_proxy(ClientInfo& client, unsigned int loc
     if (it == client.proxy_map.end()) return nullptr;
     std::shared_ptr<Proxy> proxy = std::move(it->second);
     client.proxy_map.erase(it);
-    --m_stats.proxiesActive;
+    --m_stats.proxies_active;
     ProxyInfo& info = *proxy->info();
     if (info.kind == ProxyInfo::HANDLER) --client.handlers;
     MutexLock state(info.state_mutex);

@@ -4,7 +4,7 @@
 #include <climits>
 #include <string>
 
-#include "header.pb.h"
+#include "envelope/header.pb.h"
 #include "orvi/log_line.h"
 #include "orvi/protocol.h"
 #include "worker_pool.h"
@@ -61,7 +61,7 @@ void Protocol::forward_message_to_proxy(Proxy& proxy, const Message<BufferMutabl
 }
 
 void Protocol::process_message(unsigned int id, const Message<BufferMutable>& message) {
-    ++m_stats.messagesProcessed;
+    ++m_stats.messages_processed;
     if (message.size() == 0) return;
     bool departing = false;
     std::shared_ptr<ClientInfo> client = lock_client(id, &departing);
@@ -103,7 +103,7 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     if (header.has_proxy_dest()) {
         auto it = client.proxy_map.find(header.proxy_dest());
         if (it != client.proxy_map.end()) return it->second;
-        ++m_stats.messagesNoHandler;
+        ++m_stats.messages_no_handler;
         return nullptr;
     }
     // A repeated opening message from the same remote proxy; the lowest
@@ -118,7 +118,7 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     if (factory == m_commandMap.end()) {
         log_error(std::to_string(client.id) + ": there is no command handler for \"" +
                   header.name() + "\"");
-        ++m_stats.messagesNoHandler;
+        ++m_stats.messages_no_handler;
         return nullptr;
     }
     if (client.handlers >= m_maxHandlersPerClient.load()) {
@@ -127,7 +127,7 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
             log_error(std::to_string(client.id) + ": refusing \"" + header.name() + "\": " +
                       std::to_string(client.handlers) + " commands are open, the most allowed");
         }
-        ++m_stats.messagesNoHandler;
+        ++m_stats.messages_no_handler;
         return nullptr;
     }
     const unsigned int id = get_new_proxy_id();
@@ -148,8 +148,8 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     client.proxy_map[id] = proxy;
     client.by_remote.insert({header.proxy_source(), id});
     ++client.handlers;
-    ++m_stats.proxiesCreated;
-    ++m_stats.proxiesActive;
+    ++m_stats.proxies_created;
+    ++m_stats.proxies_active;
     return proxy;
 }
 
@@ -164,7 +164,7 @@ void Protocol::reply_no_handler(const std::shared_ptr<Transport>& transport, uns
     MessageConst message;
     message.push_back(BufferConst(bytes.data(), bytes.size()));
     if (transport) {
-        ++m_stats.messagesSent;
+        ++m_stats.messages_sent;
         transport->send_message(client, message);
     }
 }

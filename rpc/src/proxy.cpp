@@ -1,8 +1,8 @@
 #include "orvi/proxy.h"
 
+#include "envelope/proxy/command_header.pb.h"
 #include "orvi/exceptions.h"
 #include "orvi/protocol.h"
-#include "proxy/command_header.pb.h"
 #include "spin_wait.h"
 
 namespace orvi {
@@ -158,6 +158,7 @@ void ProxyCommandHandler::new_message(const_iterator first, const_iterator last)
             Proxy::set_done();
             return;
         } catch (...) {
+            // Kept as is: the peer shows this text, spelling included.
             send_command_exception("Unknown exception occured");
             Proxy::set_done();
             return;

@@ -6,13 +6,11 @@
 #include <iostream>
 
 #include "passcode_file.h"
+#include "qor/protobuf/catalogue.h"
 
 namespace qorc {
 
 namespace {
-
-const char* const kPsiReadPath = "/boot/psi";
-const char* const kPsiAmendPath = "/update/psi/amend";
 
 // A directory opens as a stream on Linux but holds no text to read.
 bool is_directory(const std::string& path) {
@@ -79,7 +77,7 @@ int psi_get(qor::Client& client, const std::string& path) {
     std::string json;
     {
         qor::client::Device device = found_device(client);
-        device.psi_get(kPsiReadPath, json);
+        device.psi_get(qor::catalogue::kPsiReadPath, json);
     }
     if (path.empty()) {
         std::cout << json << std::endl;
@@ -104,7 +102,7 @@ int psi_set(qor::Client& client, const std::string& path) {
     file.seekg(0, std::ios::beg);
     if (!read_rest(file, content)) return file_failed("to read", path);
 
-    found_device(client).psi_set(kPsiAmendPath, content);
+    found_device(client).psi_set(qor::catalogue::kPsiAmendPath, content);
     return 0;
 }
 

@@ -1,5 +1,6 @@
-// The sub-commands of qorc. Each returns the exit status; exceptions pass
-// to main, which reports them. Device operations address device 0.
+// The sub-commands of qorc but the upgrade (upgrade_console.h). Each returns
+// the exit status; exceptions pass to main, which reports them. Device
+// operations address device 0.
 #pragma once
 
 #include <string>
@@ -19,12 +20,8 @@ int psi_set(qor::Client& client, const std::string& path);
 // 2 when the passcode file cannot be read, 1 when it has no record for the
 // device's MAC.
 int reset_imei(qor::Client& client, const std::string& path);
-// The reconnection after the reboot binds as the session did (session_bind,
-// from --bind) unless reboot_url carries its own "bind" parameter.
-int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
-               int timeout, std::string reboot_url, const std::string& session_bind);
-
-// The echo worker: two echoes per pass, once or forever.
+// The echo worker: two echoes per pass, once or forever. Kept as is: no
+// path of main calls it.
 void worker(const char* host, const char* port, bool loop, unsigned int number);
 
 }  // namespace qorc

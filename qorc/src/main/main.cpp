@@ -5,6 +5,7 @@
 #include "device_commands.h"
 #include "qor/client.h"
 #include "signals.h"
+#include "upgrade_console.h"
 
 namespace {
 

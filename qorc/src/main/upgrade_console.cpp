@@ -3,7 +3,6 @@
 #include <iostream>
 
 #include "arguments.h"
-#include "device_commands.h"
 #include "orvi/url.h"
 #include "signals.h"
 

@@ -1,6 +1,9 @@
-// The console face of the system upgrade.
+// The console face of the system upgrade, and its sub-command.
 #pragma once
 
+#include <string>
+
+#include "qor/client.h"
 #include "qor/sysupgrade_handler.h"
 
 namespace qorc {
@@ -23,5 +26,11 @@ class SysupgradeLogHandler : public qor::client::SysupgradeHandler {
 };
 
 const char* sysupgrade_status_text(int status);
+
+// The sysupgrade sub-command; returns the exit status. The reconnection
+// after the reboot binds as the session did (session_bind, from --bind)
+// unless reboot_url carries its own "bind" parameter.
+int sysupgrade(qor::Client& client, const std::string& fw, bool keep_config, bool no_keep,
+               int timeout, std::string reboot_url, const std::string& session_bind);
 
 }  // namespace qorc

@@ -1,4 +1,5 @@
 #include "upgrade_console.h"
+#include "testing/captured_output.h"
 
 #include <gtest/gtest.h>
 
@@ -9,9 +10,9 @@ using Status = qor::client::SysupgradeHandler::Status;
 
 std::string drawn(const std::function<void(const SysupgradeLogHandler&)>& steps) {
     SysupgradeLogHandler handler;
-    ::testing::internal::CaptureStdout();
+    orvi::testing::CapturedOutput out(orvi::testing::CapturedOutput::kStdout);
     steps(handler);
-    return ::testing::internal::GetCapturedStdout();
+    return out.text();
 }
 
 TEST(UpgradeConsole, EachWholePercentageIsDrawnOnce) {

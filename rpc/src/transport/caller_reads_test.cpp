@@ -5,32 +5,34 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
+#include "loopback.h"
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_client.h"
-#include "testing/raw_peer.h"
+#include "testing/captured_output.h"
 #include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
-using testing::hex;
-using testing::RawConnection;
+using support::hex;
+using support::RawConnection;
 
 struct Call : ProxyCommandClient {
     using ProxyCommandClient::ProxyCommandClient;
     std::string reply;
-    std::thread::id routedOn;
+    std::thread::id routed_on;
     void process_message(const char* data, unsigned int size) override {
         reply.assign(data, size);
-        routedOn = std::this_thread::get_id();
+        routed_on = std::this_thread::get_id();
     }
 };
 
 // A client engine that routes on the reading thread, and a raw board.
 struct Session {
-    testing::RawListener listener;
+    support::RawListener listener;
     std::unique_ptr<RawConnection> board;  // outlives the engine
     Protocol protocol{1};
     explicit Session(bool idleReader = true) {
@@ -53,6 +55,29 @@ struct Session {
             hex("03 000000") + char(header.size()) + header + hex("00000002 0800 00000000");
         ASSERT_EQ(board->read(frame.size()), frame);
     }
+    // Calls "ask" and waits for its end. Returns the failure text, empty
+    // when the call succeeded.
+    std::string ask(std::shared_ptr<Call>& call) {
+        call = protocol.create_command_proxy<Call>("ask");
+        try {
+            call->send_message(nullptr, 0);
+            call->wait();
+        } catch (const ProxyCommandException& e) {
+            return e.what();
+        }
+        return "";
+    }
+    // The same while the board, on a thread of its own, reads the opening
+    // and then does `then`.
+    std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then) {
+        std::thread board_side([&] {
+            read_opening("ask");
+            then();
+        });
+        const std::string error = ask(call);
+        board_side.join();
+        return error;
+    }
 };
 
 // Header{COMMAND, source 5, dest 1}, CommandHeader{DONE}, "hi".
@@ -60,19 +85,17 @@ const std::string kAnswer = hex("03 00000006 0800 1005 2001 00000002 0801 000000
 
 TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
     Session s;
-    std::thread board([&] {
-        s.read_opening("ask");
-        // Late enough that the caller is waiting: an answer that comes
-        // before is the reader thread's to deliver.
-        usleep(50000);
-        s.board->write(kAnswer);
-    });
-    auto call = s.protocol.create_command_proxy<Call>("ask");
-    call->send_message(nullptr, 0);
-    call->wait();
-    board.join();
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call,
+                    [&] {
+                        // Late enough that the caller is waiting: an answer
+                        // that comes before is the reader thread's to deliver.
+                        usleep(50000);
+                        s.board->write(kAnswer);
+                    }),
+              "");
     EXPECT_EQ(call->reply, "hi");
-    EXPECT_EQ(call->routedOn, std::this_thread::get_id());
+    EXPECT_EQ(call->routed_on, std::this_thread::get_id());
 }
 
 TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
@@ -83,38 +106,19 @@ TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
     const std::string refusal = hex("01 00000004 0801 2063");
     s.board->write(refusal.substr(0, 3));
     usleep(50000);
-    std::thread board([&] {
-        s.read_opening("ask");
-        s.board->write(refusal.substr(3) + kAnswer);
-    });
-    auto call = s.protocol.create_command_proxy<Call>("ask");
-    call->send_message(nullptr, 0);
-    call->wait();
-    board.join();
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->write(refusal.substr(3) + kAnswer); }), "");
     EXPECT_EQ(call->reply, "hi");
 }
 
 TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
     Session s;
-    std::thread board([&] {
-        s.read_opening("ask");
-        s.board->close();
-    });
-    ::testing::internal::CaptureStderr();
-    auto call = s.protocol.create_command_proxy<Call>("ask");
-    call->send_message(nullptr, 0);
-    std::string error;
-    try {
-        call->wait();
-    } catch (const ProxyCommandException& e) {
-        error = e.what();
-    }
-    board.join();
+    testing::CapturedOutput log;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->close(); }), "Connection lost");
     usleep(100000);  // the reader thread's turn comes and goes
-    EXPECT_EQ(error, "Connection lost");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(s.protocol.stats().clientsActive, 0u);
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
 }
 
 // Without an idle reader, what comes between calls waits for the next caller,
@@ -126,37 +130,23 @@ TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
               before);                             // no reader, and workers start when needed
     s.board->write(hex("01 00000004 0801 2063"));  // a refusal for nobody
     usleep(100000);
-    EXPECT_EQ(s.protocol.stats().messagesProcessed, 0u);
-    std::thread board([&] {
-        s.read_opening("ask");
-        s.board->write(kAnswer);
-    });
-    auto call = s.protocol.create_command_proxy<Call>("ask");
-    call->send_message(nullptr, 0);
-    call->wait();
-    board.join();
+    EXPECT_EQ(s.protocol.stats().messages_processed, 0u);
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->write(kAnswer); }), "");
     EXPECT_EQ(call->reply, "hi");
-    EXPECT_EQ(s.protocol.stats().messagesProcessed, 2u);  // the refusal, then the answer
+    EXPECT_EQ(s.protocol.stats().messages_processed, 2u);  // the refusal, then the answer
 }
 
 TEST(CallerReads, WithoutAnIdleReaderALossBetweenCallsIsFoundByTheNextOne) {
     Session s(false);
     s.board->close();
     usleep(100000);
-    EXPECT_EQ(s.protocol.stats().clientsActive, 1u);  // nobody has looked yet
-    ::testing::internal::CaptureStderr();
-    auto call = s.protocol.create_command_proxy<Call>("ask");
-    std::string error;
-    try {
-        call->send_message(nullptr, 0);
-        call->wait();
-    } catch (const ProxyCommandException& e) {
-        error = e.what();
-    }
-    EXPECT_EQ(error, "Connection lost");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(s.protocol.stats().clientsActive, 0u);
+    EXPECT_EQ(s.protocol.stats().clients_active, 1u);  // nobody has looked yet
+    testing::CapturedOutput log;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call), "Connection lost");
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "orvi/exceptions.h"
-#include "orvi/frame_format.h"
+#include "transport/frame_format.h"
 
 namespace orvi {
 namespace simple_socket {

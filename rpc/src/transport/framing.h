@@ -1,5 +1,5 @@
 // Frame encoding and decoding, kept apart from sockets so that both can be
-// checked against hand-written bytes. The layout is in orvi/frame_format.h.
+// checked against hand-written bytes. The layout is in frame_format.h.
 #pragma once
 
 #include <sys/uio.h>
@@ -22,7 +22,7 @@ class FrameEncoder {
 
     const std::vector<iovec>& pieces() const { return m_pieces; }
     size_t total_size() const { return m_total; }
-    // The frame as one string; for tests and diagnostics.
+    // Test hook: the frame as one string, also for diagnostics.
     std::string to_bytes() const;
 
   private:

@@ -1,5 +1,5 @@
 // Golden bytes here are written by hand from the wire layout in
-// orvi/frame_format.h, never produced by the code under test.
+// transport/frame_format.h, never produced by the code under test.
 #include "transport/framing.h"
 
 #include <pthread.h>
@@ -12,17 +12,17 @@
 
 #include <gtest/gtest.h>
 
+#include "loopback.h"
 #include "orvi/exceptions.h"
-#include "orvi/simple_socket.h"
-#include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
+#include "transport/simple_socket.h"
 
 namespace orvi {
 namespace simple_socket {
 namespace {
 
-using testing::hex;
-using testing::to_hex;
+using support::hex;
+using support::to_hex;
 
 MessageConst message_of(const std::vector<std::string>& buffers) {
     MessageConst m;
@@ -124,7 +124,7 @@ class ProtocolV1OverSocket : public ::testing::Test {
     }
     // The peer writes `bytes`, then closes its end.
     void peer_writes_and_closes(const std::string& bytes) {
-        testing::RawConnection peer(m_fds[1]);
+        support::RawConnection peer(m_fds[1]);
         m_fds[1] = -1;
         peer.write(bytes);
     }
@@ -133,7 +133,7 @@ class ProtocolV1OverSocket : public ::testing::Test {
 
 TEST_F(ProtocolV1OverSocket, SendWritesTheGoldenBytes) {
     ProtocolV1 protocol(m_fds[0]);
-    testing::RawConnection peer(dup(m_fds[1]));
+    support::RawConnection peer(dup(m_fds[1]));
     for (const Golden& g : goldens()) {
         std::vector<std::string> copy = g.buffers;
         protocol.send_message(message_of(copy));
@@ -169,7 +169,7 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
     });
     std::string received;
     std::thread reader([&] {
-        testing::RawConnection peer(dup(m_fds[1]));
+        support::RawConnection peer(dup(m_fds[1]));
         for (size_t done = 0; done < expected.size(); done += 8192) {
             received += peer.read(std::min<size_t>(8192, expected.size() - done));
         }
@@ -187,7 +187,7 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
 TEST_F(ProtocolV1OverSocket, SplitWritesPutTheSameBytesOnTheWire) {
     ProtocolV1 protocol(m_fds[0]);
     protocol.set_split_writes(true);
-    testing::RawConnection peer(dup(m_fds[1]));
+    support::RawConnection peer(dup(m_fds[1]));
     for (const Golden& g : goldens()) {
         std::vector<std::string> copy = g.buffers;
         protocol.send_message(message_of(copy));
@@ -205,7 +205,7 @@ TEST_F(ProtocolV1OverSocket, ManyFramesInOneWriteArriveInOrder) {
         burst += hex("02 00000001") + "h" + std::string(3, '\0') + char(body.size()) + body;
         if (i % 50 == 0) burst += hex("00");  // empty frames in between
     }
-    testing::RawConnection peer(dup(m_fds[1]));
+    support::RawConnection peer(dup(m_fds[1]));
     peer.write(burst);
 
     size_t frames = 0;

@@ -1,4 +1,4 @@
-#include "orvi/simple_socket.h"
+#include "transport/simple_socket.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "orvi/frame_format.h"
+#include "transport/frame_format.h"
 #include "transport/framing.h"
 #include "transport/socket_reader.h"
 
@@ -86,7 +86,7 @@ void client_handshake(int fd, int answer_timeout_ms) {
         do {
             r = poll(&pfd, 1, answer_timeout_ms);
         } while (r < 0 && errno == EINTR);
-        if (r == 0) throw SimpleSocketException("Timeout occured");
+        if (r == 0) throw SimpleSocketException(kTimeoutText);
     }
     char answer = 0;
     read(fd, &answer, 1);

@@ -16,6 +16,7 @@
 #include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "transport/read_turn.h"
+#include "transport/simple_socket.h"
 #include "transport/socket_reader.h"
 
 namespace orvi {
@@ -117,14 +118,6 @@ std::shared_ptr<simple_socket::InfoClient> TransportSimpleSocketClient::take_soc
     return std::move(m_socketPtr);
 }
 
-void TransportSimpleSocketClient::write(int fd, const char* data, unsigned int size) {
-    simple_socket::write(fd, data, size);
-}
-
-void TransportSimpleSocketClient::read(int fd, char* data, unsigned int size) {
-    simple_socket::read(fd, data, static_cast<int>(size));
-}
-
 void TransportSimpleSocketClient::connect(int timeout) {
     assert(!socket());
     auto info = std::make_shared<simple_socket::InfoClient>(0, nullptr);
@@ -177,14 +170,14 @@ void TransportSimpleSocketClient::connect(int timeout) {
 
         // Every address is charged for all the time spent since the start.
         const long long left = budget - elapsed_us(start);
-        if (timeout > 0 && left <= 0) throw SimpleSocketException("Timeout occured");
+        if (timeout > 0 && left <= 0) throw SimpleSocketException(simple_socket::kTimeoutText);
         pollfd pfd{info->m_fd, POLLOUT, 0};
         const int waitMs = timeout > 0 ? static_cast<int>((left + 999) / 1000) : -1;
         int r;
         do {
             r = poll(&pfd, 1, waitMs);
         } while (r < 0 && errno == EINTR);
-        if (r == 0) throw SimpleSocketException("Timeout occured");
+        if (r == 0) throw SimpleSocketException(simple_socket::kTimeoutText);
         if (r < 0) {
             close(info->m_fd);
             info->m_fd = -1;
@@ -204,7 +197,8 @@ void TransportSimpleSocketClient::connect(int timeout) {
         // The answer is part of the attempt: a peer that accepts but never
         // answers is bounded by the same budget.
         const long long answerLeft = budget - elapsed_us(start);
-        if (timeout > 0 && answerLeft <= 0) throw SimpleSocketException("Timeout occured");
+        if (timeout > 0 && answerLeft <= 0)
+            throw SimpleSocketException(simple_socket::kTimeoutText);
         simple_socket::client_handshake(
             info->m_fd, timeout > 0 ? static_cast<int>((answerLeft + 999) / 1000) : -1);
         info->m_protocol.reset(new simple_socket::ProtocolV1(info->m_fd));

@@ -8,16 +8,17 @@
 #include <gtest/gtest.h>
 #include <chrono>
 
-#include "testing/raw_peer.h"
+#include "loopback.h"
+#include "testing/captured_output.h"
 #include "testing/recording_handler.h"
 
 namespace orvi {
 namespace {
 
-using testing::hex;
-using testing::RawConnection;
-using testing::RawListener;
-using testing::to_hex;
+using support::hex;
+using support::RawConnection;
+using support::RawListener;
+using support::to_hex;
 
 std::string connect_error(TransportSimpleSocketClient& t, int timeout = 0) {
     try {
@@ -184,10 +185,10 @@ TEST(ClientTransport, DeliversFramesInOrderAndReportsThePeerClosing) {
     const auto got = c.handler->messages();
     for (int i = 0; i < 20; ++i) EXPECT_EQ(got[i].buffers.at(0), std::string(1, char('a' + i)));
 
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     c.peer->close();
     ASSERT_TRUE(c.handler->wait_deleted(1));
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string err = log.text();
     EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
     EXPECT_EQ(err.rfind("Worker got exception: Failed to read data from server: ", 0), 0u) << err;
 
@@ -199,11 +200,11 @@ TEST(ClientTransport, DeliversFramesInOrderAndReportsThePeerClosing) {
 TEST(ClientTransport, UnreadableFrameEndsTheConnectionWithOneLine) {
     Connected c;
     c.transport->start_serve(c.handler);
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     c.peer->write(hex("01 fffffff0 00"));
     c.peer->close();
     ASSERT_TRUE(c.handler->wait_deleted(1));
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string err = log.text();
     EXPECT_EQ(err.rfind("Worker got exception: ", 0), 0u) << err;
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_TRUE(c.handler->messages().empty());

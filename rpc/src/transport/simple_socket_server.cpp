@@ -11,9 +11,10 @@
 #include <string>
 #include <system_error>
 
-#include "orvi/frame_format.h"
 #include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_server.h"
+#include "transport/frame_format.h"
+#include "transport/simple_socket.h"
 #include "transport/socket_reader.h"
 
 namespace orvi {

@@ -7,17 +7,18 @@
 #include <functional>
 #include <thread>
 
-#include "testing/raw_peer.h"
+#include "loopback.h"
+#include "testing/captured_output.h"
 #include "testing/recording_handler.h"
 #include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
-using testing::hex;
-using testing::RawConnection;
+using support::hex;
+using support::RawConnection;
+using support::to_hex;
 using testing::thread_count;
-using testing::to_hex;
 
 struct Server {
     std::shared_ptr<TransportSimpleSocketServer> transport =
@@ -77,7 +78,7 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
     auto good = s.greeted_client();
     ASSERT_TRUE(s.handler->wait_clients(1));
 
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     {
         RawConnection wrongVersion(RawConnection::connect_to(s.transport->local_port()));
         wrongVersion.write(hex("01 02"));
@@ -90,7 +91,7 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
         vanishing->write(hex("03 00000010 41"));
     }
     ASSERT_TRUE(s.handler->wait_deleted(1));
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string err = log.text();
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
     EXPECT_NE(err.find("version 2"), std::string::npos) << err;
     EXPECT_NE(err.find("Dropping client 2: Failed to read data from server"), std::string::npos)
@@ -104,10 +105,10 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
 
 TEST(ServerTransport, CleanDisconnectIsReportedWithoutNoise) {
     Server s;
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     s.greeted_client().reset();
     ASSERT_TRUE(s.handler->wait_deleted(1));
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST(ServerTransport, HandshakeAnswerCanBeForced) {
@@ -149,7 +150,7 @@ bool wait_for(const std::function<bool()>& condition) {
 
 TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
     Server s([](TransportSimpleSocketServer& t) { t.set_handshake_timeout_ms(100); });
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
     RawConnection halfHello(RawConnection::connect_to(s.transport->local_port()));
     halfHello.write(hex("01"));
@@ -160,7 +161,7 @@ TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     late->write(hex("01 00000002 6f6b"));
     ASSERT_TRUE(s.handler->wait_messages(1));
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string err = log.text();
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
     EXPECT_NE(
         err.find("Dropping a connection before its handshake: nothing received within 100 ms"),
@@ -170,7 +171,7 @@ TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
 
 TEST(ServerTransport, ConnectionsBeyondTheCapAreClosedWithOneLine) {
     Server s([](TransportSimpleSocketServer& t) { t.set_max_clients(2); });
-    ::testing::internal::CaptureStderr();
+    testing::CapturedOutput log;
     auto a = s.greeted_client();
     auto b = s.greeted_client();
     ASSERT_TRUE(s.handler->wait_clients(2));
@@ -190,7 +191,7 @@ TEST(ServerTransport, ConnectionsBeyondTheCapAreClosedWithOneLine) {
             return false;
         }
     }));
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string err = log.text();
     EXPECT_EQ(err.find("Refusing new connections: 2 connections are open, the most allowed\n"), 0u)
         << err;
 }

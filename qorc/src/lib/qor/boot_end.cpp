@@ -11,7 +11,7 @@ void _wait_system_boot_end(orvi::Protocol& protocol, const SysupgradeHandler* ha
     int count = first_count;
     try {
         for (;;) {
-            auto poll = protocol.create_command_proxy<SystemBootEnd>(kSystemBootEndCommand);
+            auto poll = protocol.create_command_proxy<SystemBootEnd>();
             if (poll->execute()) return;
             poll.reset();
             sleep(1);
@@ -20,7 +20,7 @@ void _wait_system_boot_end(orvi::Protocol& protocol, const SysupgradeHandler* ha
     } catch (...) {
         // A board without the polling command: block on the other one instead.
         try {
-            protocol.create_command_proxy<WaitSystemBootEnd>(kWaitSystemBootEndCommand)->execute();
+            protocol.create_command_proxy<WaitSystemBootEnd>()->execute();
         } catch (...) {
             // The next command tells whether the board really came back.
         }

@@ -33,18 +33,17 @@ void Client::disconnect() {
 }
 
 void Client::echo(const std::string& payload, std::string& reply) {
-    auto proxy = m_protocol->create_command_proxy<client::Echo>(client::kEchoCommand);
+    auto proxy = m_protocol->create_command_proxy<client::Echo>();
     std::string answer = proxy->execute(payload);
     reply = std::move(answer);
 }
 
 void Client::fallback_ffh() {
-    m_protocol->create_command_proxy<client::FallbackFfh>(client::kFallbackFfhCommand)->execute();
+    m_protocol->create_command_proxy<client::FallbackFfh>()->execute();
 }
 
 void Client::fw_config_mode(bool& is_fff) {
-    m_protocol->create_command_proxy<client::FwConfigMode>(client::kFwConfigModeCommand)
-        ->execute(is_fff);
+    m_protocol->create_command_proxy<client::FwConfigMode>()->execute(is_fff);
 }
 
 client::Device Client::get_device(unsigned int id) {

@@ -3,13 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include "fake_board.h"
 #include "qor/protobuf/fw_config_mode.pb.h"
-#include "qor/testing/fake_board.h"
 
 namespace qor {
 namespace {
 
-using qord_sim::Handler;
+using Handler = orvi::FunctionHandler;
 
 TEST(Client, EchoIsByteExactAtAnyLength) {
     testing::FakeBoard board;

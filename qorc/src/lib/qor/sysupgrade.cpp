@@ -9,13 +9,9 @@
 #include <iostream>
 
 #include "orvi/transport_registry.h"
-#include "qor/commands.h"
-#include "qor/protobuf/sysupgrade.pb.h"
 
 namespace qor {
 namespace client {
-
-namespace pb = qor::protobuf::sysupgrade;
 
 Sysupgrade::~Sysupgrade() {
     if (m_dummyWorker && m_dummyWorker->joinable()) m_dummyWorker->join();
@@ -37,7 +33,7 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
         }
     } scope(*this, handler);
 
-    pb::Request request;
+    Request request;
     request.set_keep_config(keep_config);
     request.set_not_save_config(no_keep);
 
@@ -92,9 +88,9 @@ void Sysupgrade::execute(const std::string& fw, bool keep_config, bool no_keep,
 }
 
 void Sysupgrade::process_message(const char* data, unsigned int size) {
-    const auto answer = parse_answer<pb::Answer>(data, size);
+    const auto answer = parse(data, size);
 
-    if (answer.type() == pb::Answer::NEXT) {
+    if (answer.type() == Answer::NEXT) {
         orvi::MutexLock lock(m_transferMutex);
         // A NEXT after the whole image has been sent asks for nothing.
         if (m_finished || m_lengthDone >= m_length) return;
@@ -104,8 +100,8 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
             m_bufferBegin = 0;
             m_bufferEnd = static_cast<size_t>(m_file.gcount());
         }
-        const auto chunk =
-            static_cast<uint32_t>(std::min(m_bufferEnd - m_bufferBegin, kSysupgradeChunkSize));
+        const auto chunk = static_cast<uint32_t>(
+            std::min<size_t>(m_bufferEnd - m_bufferBegin, catalogue::kSysupgradeChunkSize));
         m_lengthDone += chunk;
         send_message(m_buffer.get() + m_bufferBegin, chunk);
         m_bufferBegin += chunk;
@@ -121,7 +117,7 @@ void Sysupgrade::process_message(const char* data, unsigned int size) {
             m_dummyRunning = true;
             m_dummyWorker.reset(new std::thread(&Sysupgrade::worker_for_dummy_packets, this));
         }
-    } else if (answer.type() == pb::Answer::LOG) {
+    } else if (answer.type() == Answer::LOG) {
         orvi::MutexLock lock(m_mutex);
         if (m_handler) m_handler->log(answer.log());
     }
@@ -135,12 +131,13 @@ namespace {
 class MarkerFile {
   public:
     MarkerFile() {
-        const int fd = open(kSysupgradeMarkerFile,
+        const int fd = open(catalogue::kSysupgradeMarkerFile,
                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
         struct stat st;
         if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ftruncate(fd, 0) != 0) {
             if (fd >= 0) close(fd);
-            std::cerr << "Warning, failed to create file " << kSysupgradeMarkerFile << std::endl;
+            std::cerr << "Warning, failed to create file " << catalogue::kSysupgradeMarkerFile
+                      << std::endl;
             return;
         }
         const std::string pid = std::to_string(getpid());
@@ -151,7 +148,7 @@ class MarkerFile {
 };
 
 void read_version(orvi::Protocol& protocol, std::string& version, std::string& magic) {
-    protocol.create_command_proxy<Version>(kVersionCommand)->execute(version, magic);
+    protocol.create_command_proxy<Version>()->execute(version, magic);
 }
 
 }  // namespace
@@ -169,7 +166,8 @@ void remove_sysupgrade_marker_if_ours() {
         ours[i] = ours[n - 1 - i];
         ours[n - 1 - i] = c;
     }
-    const int fd = open(kSysupgradeMarkerFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd =
+        open(catalogue::kSysupgradeMarkerFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return;
     char held[sizeof ours + 1];
     struct stat st;
@@ -180,7 +178,7 @@ void remove_sysupgrade_marker_if_ours() {
     for (size_t i = 0; i < n; ++i) {
         if (held[i] != ours[i]) return;
     }
-    unlink(kSysupgradeMarkerFile);
+    unlink(catalogue::kSysupgradeMarkerFile);
 }
 
 void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_config, bool no_keep,
@@ -203,7 +201,7 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
     }
     handler.on_status_update(SysupgradeHandler::UPGRADING);
 
-    auto upload = protocol.create_command_proxy<Sysupgrade>(kSysupgradeCommand);
+    auto upload = protocol.create_command_proxy<Sysupgrade>();
     try {
         upload->execute(fw, keep_config, no_keep, handler);
     } catch (const orvi::ProxyCommandException&) {

@@ -10,20 +10,20 @@
 
 #include "orvi/mutex.h"
 #include "orvi/protocol.h"
+#include "qor/commands.h"
+#include "qor/protobuf/sysupgrade.pb.h"
 #include "qor/sysupgrade_handler.h"
 
 namespace qor {
 namespace client {
 
-constexpr const char* kSysupgradeMarkerFile = "/tmp/qor_sysupgrade";
-constexpr size_t kSysupgradeChunkSize = 4096;
-
 // The upload command. The board paces it: each NEXT answer asks for one
 // 4096-byte chunk, which is sent at once from where the answer is routed,
 // so one chunk is in flight and the image is never held whole.
-class Sysupgrade : public orvi::ProxyCommandClient {
+class Sysupgrade : public CommandProxy<catalogue::kSysupgrade, protobuf::sysupgrade::Request,
+                                       protobuf::sysupgrade::Answer> {
   public:
-    using ProxyCommandClient::ProxyCommandClient;
+    using CommandProxy::CommandProxy;
     ~Sysupgrade() override;
 
     // Throws orvi::ProxyCommandException when the image cannot be used or the
@@ -31,7 +31,8 @@ class Sysupgrade : public orvi::ProxyCommandClient {
     // byte is the board rebooting: it is logged, not thrown.
     void execute(const std::string& fw, bool keep_config, bool no_keep,
                  const SysupgradeHandler& handler);
-    // Body of the thread started after the last chunk; empty in this version.
+    // Body of the thread started after the last chunk. Kept as is: it is
+    // started and joined as ever, and sends nothing.
     void worker_for_dummy_packets();
 
   protected:

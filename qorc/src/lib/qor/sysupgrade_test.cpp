@@ -4,16 +4,16 @@
 #include <gtest/gtest.h>
 #include <fstream>
 
+#include "fake_board.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "qor/protobuf/system_boot_end.pb.h"
-#include "qor/testing/fake_board.h"
 #include "testing/private_tmp.h"
 
 namespace qor {
 namespace client {
 namespace {
 
-using qord_sim::Handler;
+using Handler = orvi::FunctionHandler;
 
 struct RecordingHandler : SysupgradeHandler {
     mutable std::vector<unsigned int> retries;
@@ -56,7 +56,7 @@ TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
     testing::FakeBoard board;
     board.on("wait_system_boot_end", [](Handler& h, const std::string&) {
         h.send_command_exception("still booting");
-        h.orvi::Proxy::set_done();
+        h.abandon();
     });
     Session s(board.port());
     RecordingHandler handler;

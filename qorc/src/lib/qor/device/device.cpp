@@ -41,32 +41,27 @@ void Device::check_usable() {
 
 void Device::activate_talvex(const std::string& passcode) {
     check_usable();
-    m_protocol->create_command_proxy<DeviceActivate>(kDeviceActivateCommand)
-        ->execute(m_info->id, passcode);
+    m_protocol->create_command_proxy<DeviceActivate>()->execute(m_info->id, passcode);
 }
 
 void Device::get_identities(DeviceIdentities& out) {
     check_usable();
-    m_protocol->create_command_proxy<DeviceIdentitiesGet>(kDeviceIdentitiesGetCommand)
-        ->execute(m_info->id, out);
+    m_protocol->create_command_proxy<DeviceIdentitiesGet>()->execute(m_info->id, out);
 }
 
 void Device::psi_get(const std::string& path, std::string& json) {
     check_usable();
-    m_protocol->create_command_proxy<DevicePsiGet>(kDevicePsiGetCommand)
-        ->execute(m_info->id, path, json);
+    m_protocol->create_command_proxy<DevicePsiGet>()->execute(m_info->id, path, json);
 }
 
 void Device::psi_set(const std::string& path, const std::string& json) {
     check_usable();
-    m_protocol->create_command_proxy<DevicePsiSet>(kDevicePsiSetCommand)
-        ->execute(m_info->id, path, json);
+    m_protocol->create_command_proxy<DevicePsiSet>()->execute(m_info->id, path, json);
 }
 
 void Device::reset_imei(const std::string& passcode) {
     check_usable();
-    m_protocol->create_command_proxy<DeviceResetImei>(kDeviceResetImeiCommand)
-        ->execute(m_info->id, passcode);
+    m_protocol->create_command_proxy<DeviceResetImei>()->execute(m_info->id, passcode);
 }
 
 DeviceManager::DeviceManager(orvi::Protocol& protocol) {
@@ -109,7 +104,7 @@ Device get_device(orvi::Protocol& protocol, unsigned int id) {
     auto cached = manager.m_devices.find(id);
     if (cached != manager.m_devices.end()) return cached->second;
 
-    Device device = protocol.create_command_proxy<DeviceGet>(kDeviceGetCommand)->execute(id);
+    Device device = protocol.create_command_proxy<DeviceGet>()->execute(id);
     if (device.info() && device.info()->id != kUnknownDeviceId) manager.m_devices[id] = device;
     return device;
 }

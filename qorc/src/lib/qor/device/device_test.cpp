@@ -3,16 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include "fake_board.h"
 #include "qor/client.h"
 #include "qor/protobuf/device/get.pb.h"
 #include "qor/protobuf/device/psi_get.pb.h"
-#include "qor/testing/fake_board.h"
 
 namespace qor {
 namespace client {
 namespace {
 
-using qord_sim::Handler;
+using Handler = orvi::FunctionHandler;
 namespace pb = qor::protobuf::device;
 
 // Knows device 0 only.

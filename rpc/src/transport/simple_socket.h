@@ -1,5 +1,5 @@
 // One connected stream socket: blocking read/write loops, the connection
-// record and the ProtocolV1 framing object. Byte layout: orvi/frame_format.h.
+// record and the ProtocolV1 framing object. Byte layout: frame_format.h.
 #pragma once
 
 #include <memory>
@@ -15,6 +15,10 @@ namespace simple_socket {
 class SocketReader;
 class FrameDecoder;
 class InfoClient;
+
+// The time-out text. Kept as is: users and scripts match it, spelling
+// included.
+inline constexpr char kTimeoutText[] = "Timeout occured";
 
 // Writes all bytes or throws "Failed to send data to server". Never raises
 // SIGPIPE.
@@ -95,7 +99,9 @@ class InfoClient {
 
     int m_fd = -1;
     unsigned int m_id;
-    // Set before the reader thread starts, read-only afterwards.
+    // Used by the thread that reads this connection, which sets it once the
+    // peer is admitted. The server's reader takes it back when the peer goes,
+    // to tell the handler itself; otherwise the destructor tells it.
     std::shared_ptr<TransportHandler> m_handler;
     std::unique_ptr<ProtocolBase> m_protocol;
     Mutex m_sendMutex;

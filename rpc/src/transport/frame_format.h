@@ -7,8 +7,8 @@
 // Frame (ProtocolV1), the same in both directions:
 //   | count N : u8 | N x ( length L : u32 big-endian | L data bytes ) |
 // The sender walks its buffer list from the LAST buffer to the first; the
-// receiver stores them in arrival order. The engines on both ends build and
-// read their lists with this reversal in mind, so it must be kept.
+// receiver stores them in arrival order. Kept as is: the engines on both
+// ends build and read their lists with this reversal in mind.
 // A count of 0 is a frame that carries nothing and is not delivered.
 // There is no upper bound on L; the receiver allocates what is announced.
 #pragma once
@@ -23,7 +23,6 @@ constexpr uint8_t kHandshakeLead = 0x01;
 constexpr uint8_t kProtocolVersion = 0x01;
 constexpr size_t kCountSize = 1;
 constexpr size_t kLengthSize = 4;
-constexpr size_t kMaxBuffers = 255;
 
 inline void put_be32(unsigned char* out, uint32_t v) {
     out[0] = static_cast<unsigned char>(v >> 24);

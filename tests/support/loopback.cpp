@@ -1,7 +1,8 @@
-#include "testing/raw_peer.h"
+#include "loopback.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,8 +11,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-namespace orvi {
-namespace testing {
+namespace support {
 
 RawListener::RawListener() {
     m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -19,7 +19,7 @@ RawListener::RawListener() {
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = 0;
-    if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 8) != 0) {
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 16) != 0) {
         throw std::runtime_error("cannot listen on 127.0.0.1");
     }
     socklen_t len = sizeof addr;
@@ -31,9 +31,13 @@ RawListener::~RawListener() {
     ::close(m_fd);
 }
 
-int RawListener::accept_one(std::string* peerAddress) {
+void RawListener::shutdown() {
+    ::shutdown(m_fd, SHUT_RDWR);
+}
+
+int RawListener::accept_one(std::string* peerAddress, int timeout_ms) {
     pollfd pfd{m_fd, POLLIN, 0};
-    if (poll(&pfd, 1, 5000) != 1) return -1;
+    if (poll(&pfd, 1, timeout_ms) != 1 || !(pfd.revents & POLLIN)) return -1;
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(m_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
@@ -63,9 +67,13 @@ int RawConnection::connect_to(unsigned short port) {
 }
 
 void RawConnection::write(const std::string& bytes) {
+    write_from(bytes.data(), bytes.size());
+}
+
+void RawConnection::write_from(const char* data, size_t n) {
     size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t r = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    while (done < n) {
+        const ssize_t r = send(m_fd, data + done, n - done, MSG_NOSIGNAL);
         if (r <= 0) throw std::runtime_error("raw write failed");
         done += static_cast<size_t>(r);
     }
@@ -73,18 +81,27 @@ void RawConnection::write(const std::string& bytes) {
 
 std::string RawConnection::read(size_t n) {
     std::string out(n, '\0');
+    read_into(&out[0], n);
+    return out;
+}
+
+void RawConnection::read_into(char* data, size_t n) {
     size_t done = 0;
     while (done < n) {
         pollfd pfd{m_fd, POLLIN, 0};
-        if (poll(&pfd, 1, 5000) != 1) {
+        if (m_limitMs >= 0 && poll(&pfd, 1, m_limitMs) != 1) {
             throw std::runtime_error("raw read timed out after " + std::to_string(done) + " of " +
                                      std::to_string(n) + " bytes");
         }
-        const ssize_t r = ::read(m_fd, &out[done], n - done);
+        const ssize_t r = ::read(m_fd, data + done, n - done);
         if (r <= 0) throw std::runtime_error("raw read: peer closed");
         done += static_cast<size_t>(r);
     }
-    return out;
+}
+
+void RawConnection::set_nodelay(bool on) {
+    const int value = on ? 1 : 0;
+    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value);
 }
 
 bool RawConnection::wait_closed(int timeoutMs) {
@@ -94,9 +111,21 @@ bool RawConnection::wait_closed(int timeoutMs) {
     return ::read(m_fd, &c, 1) <= 0;
 }
 
+void RawConnection::drain() {
+    char c;
+    while (::read(m_fd, &c, 1) > 0) {
+    }
+}
+
 void RawConnection::close() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
+}
+
+std::string closed_address() {
+    RawListener gone;
+    const unsigned short port = gone.port();
+    return "127.0.0.1:" + std::to_string(port);
 }
 
 std::string hex(const std::string& text) {
@@ -126,5 +155,4 @@ std::string to_hex(const std::string& bytes) {
     return out;
 }
 
-}  // namespace testing
-}  // namespace orvi
+}  // namespace support

@@ -1,0 +1,33 @@
+#include "fake_board.h"
+
+#include "qor/protobuf/catalogue.h"
+
+namespace qor {
+namespace testing {
+
+FakeBoard::FakeBoard() : m_protocol(new orvi::Protocol(2)) {
+    m_transport = std::make_shared<orvi::TransportSimpleSocketServer>("127.0.0.1", "0");
+    m_transport->listen();
+    m_protocol->add_transport(m_transport);
+}
+
+void FakeBoard::on(const std::string& name, orvi::FunctionHandler::Body body) {
+    const std::string full = catalogue::kCommandPrefix + name;
+    m_protocol->add_command(
+        full, orvi::FunctionFactory::of(
+                  [this, full, body](orvi::FunctionHandler& h, const std::string& request) {
+                      {
+                          orvi::MutexLock lock(m_mutex);
+                          ++m_calls[full];
+                      }
+                      body(h, request);
+                  }));
+}
+
+int FakeBoard::calls(const std::string& name) {
+    orvi::MutexLock lock(m_mutex);
+    return m_calls[catalogue::kCommandPrefix + name];
+}
+
+}  // namespace testing
+}  // namespace qor

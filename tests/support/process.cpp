@@ -1,0 +1,115 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace support {
+
+namespace {
+using Clock = std::chrono::steady_clock;
+const char* or_null(const std::string& path) {
+    return path.empty() ? "/dev/null" : path.c_str();
+}
+}  // namespace
+
+Process::Process(const std::string& binary, const std::vector<std::string>& args,
+                 const std::string& out_path, const std::string& err_path) {
+    std::vector<std::string> all{binary};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& a : all) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, or_null(out_path), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
+    posix_spawn_file_actions_addopen(&actions, 2, or_null(err_path), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
+    const int rc = posix_spawn(&m_pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) throw std::runtime_error("cannot start " + binary + ": " + strerror(rc));
+}
+
+Process::~Process() {
+    if (running()) {
+        kill(m_pid, SIGKILL);
+        wait(5000);
+    }
+}
+
+void Process::signal(int sig) {
+    if (m_status < 0) kill(m_pid, sig);
+}
+
+bool Process::reap(int options) {
+    int raw = 0;
+    rusage usage{};
+    if (wait4(m_pid, &raw, options, &usage) != m_pid) return false;
+    m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    m_peakRssKib = usage.ru_maxrss;
+    return true;
+}
+
+bool Process::running() {
+    return m_status < 0 && !reap(WNOHANG);
+}
+
+int Process::wait(int timeout_ms) {
+    if (m_status >= 0) return m_status;
+    if (timeout_ms < 0) {
+        reap(0);
+        return m_status;
+    }
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (running()) {
+        if (Clock::now() > deadline) {
+            kill(m_pid, SIGKILL);
+            reap(0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return m_status;
+}
+
+std::string wait_for_line(const std::string& path, const std::string& text, int timeout_ms) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (Clock::now() < deadline) {
+        const std::string all = read_file(path);
+        const size_t at = all.find(text);
+        const size_t end = at == std::string::npos ? at : all.find('\n', at);
+        if (end != std::string::npos) {
+            const size_t begin = all.rfind('\n', at);
+            const size_t from = begin == std::string::npos ? 0 : begin + 1;
+            return all.substr(from, end - from);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return "";
+}
+
+ServerProcess::ServerProcess(const std::string& binary, const std::vector<std::string>& args)
+    : m_process(binary, args, m_dir.file("out"), m_dir.file("err")) {
+    const std::string line = wait_for_line(out_path(), "listening on ", 10000);
+    if (line.empty()) throw std::runtime_error(binary + " did not start: " + out() + err());
+    m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
+}
+
+int ServerProcess::stop() {
+    m_process.signal(SIGTERM);
+    return m_process.wait(10000);
+}
+
+}  // namespace support
