@@ -51,9 +51,8 @@ int run(int argc, char** argv) {
     const std::string image64 = make_image(w, "64.img", 64u << 20);
     const std::string image1 = make_image(w, "1.img", 1u << 20);
     const std::string image256 = make_image(w, "256.img", 256u << 20);
-    int n = 0;  // numbers the board outputs
     auto upgrade = [&](ClientKind c, BoardKind b, std::vector<std::string> args = {}) {
-        return [&, c, b, args](int) { return upgrade_once(w, image64, ++n, c, b, args).mbps; };
+        return [&, c, b, args](int) { return upgrade_once(image64, c, b, args).mbps; };
     };
     const auto kQorc = ClientKind::kQorc, kRawClient = ClientKind::kRaw;
     const auto kSim = BoardKind::kSim, kRawBoard = BoardKind::kRaw;
@@ -125,10 +124,8 @@ int run(int argc, char** argv) {
     std::cerr << "peak memory..." << std::endl;
     const Pair memory = measure_pair(
         std::max(1, repeat / 2),
-        [&](int) {
-            return upgrade_once(w, image256, ++n, kQorc, kRawBoard).clientPeakKiB / 1024.0;
-        },
-        [&](int) { return upgrade_once(w, image1, ++n, kQorc, kRawBoard).clientPeakKiB / 1024.0; });
+        [&](int) { return upgrade_once(image256, kQorc, kRawBoard).clientPeakKiB / 1024.0; },
+        [&](int) { return upgrade_once(image1, kQorc, kRawBoard).clientPeakKiB / 1024.0; });
     char diff[32];
     std::snprintf(diff, sizeof diff, "%+.2f MiB", memory.a.median - memory.b.median);
     std::cout << "| peak RSS of `qorc sysupgrade`, MiB: 256 MiB image vs 1 MiB image | "

@@ -47,17 +47,17 @@ Board::Board(BoardKind kind, std::vector<std::string> extra)
     : m_server(kind == BoardKind::kSim ? QORD_SIM_BIN : RAW_BOARD_BIN,
                kind == BoardKind::kSim ? sim_arguments(std::move(extra)) : extra) {}
 
-UpgradeRun upgrade_once(const Work& w, const std::string& image, int index, ClientKind client,
-                        BoardKind board, const std::vector<std::string>& boardArgs) {
+UpgradeRun upgrade_once(const std::string& image, ClientKind client, BoardKind board,
+                        const std::vector<std::string>& boardArgs) {
     Board b(board, boardArgs);
     support::Process c(client == ClientKind::kQorc ? QORC_BIN : RAW_CLIENT_BIN,
                        client == ClientKind::kQorc
                            ? std::vector<std::string>{"--url", b.url(), "sysupgrade", image}
                            : std::vector<std::string>{std::to_string(b.port()), "upgrade", image});
     const std::string line = support::wait_for_line(b.out_path(), "bytes in ", 600000);
+    const long peak = c.peak_rss_kib();
     c.signal(SIGKILL);
     c.wait(-1);
-    const long peak = c.peak_rss_kib();
     if (client == ClientKind::kQorc && support::read_file(kMarker) == std::to_string(c.pid())) {
         std::remove(kMarker.c_str());
     }

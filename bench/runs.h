@@ -38,8 +38,8 @@ struct UpgradeRun {
 // One upgrade of `image`, timed by the board from the first chunk to the
 // last. qorc is stopped once the image is through: the reboot that follows
 // is not what is measured.
-UpgradeRun upgrade_once(const Work& w, const std::string& image, int index, ClientKind client,
-                        BoardKind board, const std::vector<std::string>& boardArgs = {});
+UpgradeRun upgrade_once(const std::string& image, ClientKind client, BoardKind board,
+                        const std::vector<std::string>& boardArgs = {});
 
 // Wall time of a whole process, in ms; it must succeed.
 double wall_ms(const std::string& binary, const std::vector<std::string>& args);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -55,11 +54,15 @@ void Process::signal(int sig) {
 
 bool Process::reap(int options) {
     int raw = 0;
-    rusage usage{};
-    if (wait4(m_pid, &raw, options, &usage) != m_pid) return false;
+    if (waitpid(m_pid, &raw, options) != m_pid) return false;
     m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    m_peakRssKib = usage.ru_maxrss;
     return true;
+}
+
+long Process::peak_rss_kib() const {
+    const std::string status = read_file("/proc/" + std::to_string(m_pid) + "/status");
+    const size_t at = status.find("VmHWM:");
+    return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
 }
 
 bool Process::running() {

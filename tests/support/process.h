@@ -30,14 +30,15 @@ class Process {
     // The exit status, or 128 + the signal that ended it. With a time limit
     // (milliseconds) a child that overruns is killed; below 0, no limit.
     int wait(int timeout_ms = 60000);
-    // The child's peak resident set, once it has ended.
-    long peak_rss_kib() const { return m_peakRssKib; }
+    // The running child's peak resident set since it started its program
+    // (VmHWM); 0 once it has ended. Not the rusage of the ended child, which
+    // also counts the parent's pages that the child shared until its exec.
+    long peak_rss_kib() const;
 
   private:
     bool reap(int options);
     pid_t m_pid = -1;
     int m_status = -1;
-    long m_peakRssKib = 0;
 };
 
 // Polls the file until a whole line of it contains `text`; returns that
