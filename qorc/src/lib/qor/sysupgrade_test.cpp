@@ -1,13 +1,11 @@
-// The boot-end wait and the reconnection pause, against a scripted board.
+// The boot-end wait, against a scripted board.
 #include "qor/sysupgrade.h"
 
 #include <gtest/gtest.h>
-#include <fstream>
 
 #include "fake_board.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "qor/protobuf/system_boot_end.pb.h"
-#include "testing/private_tmp.h"
 
 namespace qor {
 namespace client {
@@ -17,8 +15,7 @@ using Handler = orvi::FunctionHandler;
 
 struct RecordingHandler : SysupgradeHandler {
     mutable std::vector<unsigned int> retries;
-    mutable std::vector<Status> statuses;
-    void on_status_update(Status s) const override { statuses.push_back(s); }
+    void on_status_update(Status) const override {}
     void log(const std::string&) const override {}
     void progression(float) const override {}
     void on_connect_retry(unsigned int n) const override { retries.push_back(n); }
@@ -63,30 +60,6 @@ TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
     _wait_system_boot_end(s.protocol, &handler, 0);  // must not throw
     EXPECT_EQ(board.calls("wait_system_boot_end"), 1);
     EXPECT_TRUE(handler.retries.empty());
-}
-
-TEST(UpgradeProcedure, EmptyOrMissingImageFailsBeforeTheBoardIsAsked) {
-    REQUIRE_PRIVATE_TMP();
-    testing::FakeBoard board;
-    board.on("system_boot_end", [](Handler& h, const std::string&) {
-        qor::protobuf::system_boot_end::Answer a;
-        a.set_boot_done(true);
-        h.answer(a);
-    });
-    board.on("sysupgrade", [](Handler& h, const std::string&) { h.set_done(); });
-    Session s(board.port());
-    RecordingHandler handler;
-    const std::string empty = ::testing::TempDir() + "/empty.zpk";
-    { std::ofstream(empty, std::ios::trunc); }
-    for (const std::string& path : {empty, std::string("/nonexistent/fw.zpk")}) {
-        EXPECT_THROW(sysupgrade(s.protocol, path, false, false, 10, "tcp://127.0.0.1:1", handler),
-                     orvi::ProxyCommandException);
-    }
-    EXPECT_EQ(board.calls("sysupgrade"), 0);
-    EXPECT_EQ(handler.statuses,
-              (std::vector<SysupgradeHandler::Status>{
-                  SysupgradeHandler::UPGRADING, SysupgradeHandler::UPGRADE_FAILED,
-                  SysupgradeHandler::UPGRADING, SysupgradeHandler::UPGRADE_FAILED}));
 }
 
 }  // namespace
