@@ -2,11 +2,10 @@
 // give up after a few seconds instead of hanging a test.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "orvi/mutex.h"
 #include "orvi/transport.h"
 
 namespace orvi {
@@ -31,11 +30,11 @@ class RecordingHandler : public TransportHandler {
     unsigned int clients();
 
   private:
-    std::mutex m_mutex;
-    std::condition_variable m_cond;
-    unsigned int m_nextId = 1;
-    std::vector<Received> m_messages;
-    std::vector<unsigned int> m_deleted;
+    Mutex m_mutex;
+    CondVar m_cond;
+    unsigned int m_nextId GUARDED_BY(m_mutex) = 1;
+    std::vector<Received> m_messages GUARDED_BY(m_mutex);
+    std::vector<unsigned int> m_deleted GUARDED_BY(m_mutex);
 };
 
 }  // namespace testing
