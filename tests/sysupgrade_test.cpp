@@ -226,7 +226,7 @@ TEST(Sysupgrade, PercentagesAroundChunkBoundaries) {
     }
     for (size_t i = 0; i < sizes.size(); ++i) {
         const Result r = runs[i].get();
-        EXPECT_EQ(r.status, 0) << sizes[i];
+        EXPECT_EQ(r.status, 0) << sizes[i] << ": " << r.err << boards[i]->sim->err();
         const std::string head = boards[i]->hello() + boards[i]->receiving(sizes[i]);
         const std::string expected = head + progress(sizes[i]) + kFlashing;
         EXPECT_EQ(r.out.substr(0, expected.size()), expected) << sizes[i];

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -19,6 +20,10 @@ using Clock = std::chrono::steady_clock;
 const char* or_null(const std::string& path) {
     return path.empty() ? "/dev/null" : path.c_str();
 }
+// One start at a time. Under qemu-user (the armhf runs) a spawn is an
+// emulated fork, and two of them from different threads of one process can
+// leave a child hung before it reaches exec.
+std::mutex g_spawnMutex;
 }  // namespace
 
 Process::Process(const std::string& binary, const std::vector<std::string>& args,
@@ -36,7 +41,11 @@ Process::Process(const std::string& binary, const std::vector<std::string>& args
                                      0644);
     posix_spawn_file_actions_addopen(&actions, 2, or_null(err_path), O_WRONLY | O_CREAT | O_TRUNC,
                                      0644);
-    const int rc = posix_spawn(&m_pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    int rc;
+    {
+        std::lock_guard<std::mutex> lock(g_spawnMutex);
+        rc = posix_spawn(&m_pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    }
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) throw std::runtime_error("cannot start " + binary + ": " + strerror(rc));
 }

@@ -17,7 +17,8 @@ class Process {
   public:
     // Standard input is /dev/null; standard output and error go to the
     // given files, or to /dev/null when a path is empty. Throws when the
-    // program cannot be started.
+    // program cannot be started. Any thread may start one; starts are taken
+    // one at a time.
     Process(const std::string& binary, const std::vector<std::string>& args,
             const std::string& out_path = "", const std::string& err_path = "");
     ~Process();  // kills the child if it is still running
