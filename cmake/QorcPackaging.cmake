@@ -44,6 +44,38 @@ endif()
 
 set(CPACK_DEBIAN_QORC_PACKAGE_NAME ${QORC_PACKAGE_NAME_qorc})
 set(CPACK_DEBIAN_QORC_PACKAGE_SECTION net)
+# Lintian overrides, one file per package (below): the lean executables are
+# position-dependent on purpose, and a fully static qorc is static on purpose.
+set(no_pie_override "# Linked as a position-dependent executable on purpose: a run lasts a few
+# milliseconds, and skipping the relocations of a position-independent one
+# is a measurable part of it.
+@package@: hardening-no-pie [usr/bin/*]
+")
+set(qorc_overrides "${no_pie_override}")
+set(sim_overrides "${no_pie_override}")
+# A fully static qorc has no shared library for dpkg-shlibdeps to see. It
+# still loads the system's name-service modules for any host source other
+# than files and DNS, and those must come from the C library release it was
+# linked with.
+if(QORC_PROTOBUF_LITE_STATIC AND QORC_STATIC_LIBC)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -dM -E -x c++ -include features.h /dev/null
+    OUTPUT_VARIABLE libc_macros RESULT_VARIABLE libc_status)
+  if(NOT libc_status EQUAL 0 OR NOT libc_macros MATCHES "#define __GLIBC__ ([0-9]+)"
+     OR NOT libc_macros MATCHES "#define __GLIBC_MINOR__ ([0-9]+)")
+    message(FATAL_ERROR "cannot tell the C library release of ${CMAKE_CXX_COMPILER}")
+  endif()
+  string(REGEX MATCH "#define __GLIBC__ ([0-9]+)" _ "${libc_macros}")
+  set(libc_major ${CMAKE_MATCH_1})
+  string(REGEX MATCH "#define __GLIBC_MINOR__ ([0-9]+)" _ "${libc_macros}")
+  set(libc_minor ${CMAKE_MATCH_1})
+  math(EXPR libc_next "${libc_minor} + 1")
+  set(CPACK_DEBIAN_QORC_PACKAGE_DEPENDS
+    "libc6 (>= ${libc_major}.${libc_minor}), libc6 (<< ${libc_major}.${libc_next})")
+  set(qorc_overrides "# Linked statically on purpose: a run lasts a few milliseconds, and the
+# dynamic loader would be a measurable part of it. See the dependency on libc6.
+@package@: statically-linked-binary [usr/bin/qorc]
+")
+endif()
 set(CPACK_COMPONENT_QORC_DESCRIPTION "command-line client for cellular-modem boards
 qorc administers an embedded cellular-modem board from a host computer
 through the board's management daemon, qord. Each run connects over IP,
@@ -72,11 +104,10 @@ the orvi RPC framework. It ships static libraries, the public headers, a
 CMake package (find_package(qorc), target qorc::client) and a pkg-config
 file (qorc).")
 
-# Lintian overrides, one file per package.
 foreach(component qorc sim)
   set(package ${QORC_PACKAGE_NAME_${component}})
-  configure_file(${PROJECT_SOURCE_DIR}/packaging/lintian-overrides.in
-    ${CMAKE_BINARY_DIR}/packaging/${package}.lintian-overrides @ONLY)
+  string(CONFIGURE "${${component}_overrides}" overrides @ONLY)
+  file(WRITE ${CMAKE_BINARY_DIR}/packaging/${package}.lintian-overrides "${overrides}")
   install(FILES ${CMAKE_BINARY_DIR}/packaging/${package}.lintian-overrides RENAME ${package}
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides COMPONENT ${component})
 endforeach()

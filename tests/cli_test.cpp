@@ -139,6 +139,19 @@ TEST(Cli, DiscoverAndBind) {
            "Try to connect to " + sim.address() + "\n", "");
 }
 
+TEST(Cli, HostNamesResolveThroughTheSystemResolver) {
+    if (!enter_private_network()) GTEST_SKIP() << "needs a network namespace of its own";
+    Sim sim;
+    const std::string port = std::to_string(sim.port());
+    expect(run_qorc({"--url", "localhost:" + port, "discover"}), 0,
+           "Try to connect to localhost:" + port + "\n", "");
+    EXPECT_TRUE(sim.wait_output("connection from"));
+    // A name nobody knows: here, no name server is reachable either.
+    expect(run_qorc({"--url", "no-such-board.invalid:" + port, "discover"}), 1,
+           "Try to connect to no-such-board.invalid:" + port + "\n",
+           "Error: Failed to resolve hostname no-such-board.invalid:" + port + "\n");
+}
+
 TEST(Cli, DispatchFollowsTheListNotTheWordOrder) {
     Sim sim;
     TempDir dir;

@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <dirent.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +34,11 @@ Result run_qorc(const std::vector<std::string>& args, int timeoutMs) {
         argv.insert(argv.begin(), {"--net", QORC_BIN});
     }
     return run_command(binary, argv, timeoutMs);
+}
+
+bool enter_private_network() {
+    if (unshare(CLONE_NEWNET) != 0) return false;
+    return run_command("/usr/sbin/ip", {"link", "set", "lo", "up"}).status == 0;
 }
 
 Result run_command(const std::string& binary, const std::vector<std::string>& args, int timeoutMs) {

@@ -86,4 +86,10 @@ Usage usage_of(pid_t pid);
 
 using support::closed_address;
 
+// Moves this test process, and every program it starts from now on, into a
+// network namespace of its own with only the loopback link, up. For tests
+// that resolve names: nothing outside this machine can be asked. False where
+// that is not allowed (not root).
+bool enter_private_network();
+
 }  // namespace e2e

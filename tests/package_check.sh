@@ -17,6 +17,12 @@ for arch in amd64 armhf; do
     [ -f "$deb" ] || fail "missing $deb"
     dpkg-deb -x "$deb" "$root"
   done
+  # A static qorc brings the C library's name-service code of its own
+  # release, and must be installed only beside that release.
+  if file -b "$root/usr/bin/qorc" | grep -q "statically linked"; then
+    dpkg-deb -f "$dir/qorc_${version}_${arch}.deb" Depends | grep -Eq "libc6 \(<< [0-9]+\.[0-9]+\)" ||
+      fail "$arch static qorc without a libc6 release range"
+  fi
   run=()
   if [ "$arch" = armhf ]; then
     file -b "$root/usr/bin/qorc" | grep -q "ELF 32-bit LSB .*ARM" || fail "armhf qorc is $(file -b "$root/usr/bin/qorc")"
