@@ -1,10 +1,13 @@
 #include "process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -20,10 +23,46 @@ using Clock = std::chrono::steady_clock;
 const char* or_null(const std::string& path) {
     return path.empty() ? "/dev/null" : path.c_str();
 }
-// One start at a time. Under qemu-user (the armhf runs) a spawn is an
-// emulated fork, and two of them from different threads of one process can
-// leave a child hung before it reaches exec.
+
+// Under qemu-user (the armhf runs) a spawn is an emulated fork, and the child
+// can hang on a lock of the emulator that another thread held at the fork,
+// before it ever reaches exec. So starts are taken one at a time and each is
+// confirmed: the write end of a pipe, which only this child holds, closes at
+// its exec. A child that has not got there in time is killed and started
+// again. Natively the confirmation comes at once.
 std::mutex g_spawnMutex;
+constexpr int kExecWaitMs = 5000;
+constexpr int kStartAttempts = 3;
+
+pid_t spawn_confirmed(const std::string& binary, const posix_spawn_file_actions_t& actions,
+                      char* const argv[]) {
+    std::lock_guard<std::mutex> lock(g_spawnMutex);
+    for (int attempt = 1;; ++attempt) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            throw std::runtime_error("cannot start " + binary + ": " + strerror(errno));
+        }
+        pid_t pid = -1;
+        const int rc = posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv, environ);
+        close(ends[1]);
+        if (rc != 0) {
+            close(ends[0]);
+            throw std::runtime_error("cannot start " + binary + ": " + strerror(rc));
+        }
+        pollfd exec_done{ends[0], POLLIN, 0};
+        int r;
+        do {
+            r = poll(&exec_done, 1, kExecWaitMs);
+        } while (r < 0 && errno == EINTR);
+        close(ends[0]);
+        if (r > 0) return pid;  // the end closed: exec'd, or died trying
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        if (attempt == kStartAttempts) {
+            throw std::runtime_error("cannot start " + binary + ": it never reached exec");
+        }
+    }
+}
 }  // namespace
 
 Process::Process(const std::string& binary, const std::vector<std::string>& args,
@@ -41,13 +80,13 @@ Process::Process(const std::string& binary, const std::vector<std::string>& args
                                      0644);
     posix_spawn_file_actions_addopen(&actions, 2, or_null(err_path), O_WRONLY | O_CREAT | O_TRUNC,
                                      0644);
-    int rc;
-    {
-        std::lock_guard<std::mutex> lock(g_spawnMutex);
-        rc = posix_spawn(&m_pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    try {
+        m_pid = spawn_confirmed(binary, actions, argv.data());
+    } catch (...) {
+        posix_spawn_file_actions_destroy(&actions);
+        throw;
     }
     posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start " + binary + ": " + strerror(rc));
 }
 
 Process::~Process() {
