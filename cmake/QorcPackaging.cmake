@@ -57,17 +57,16 @@ set(sim_overrides "${no_pie_override}")
 # still loads the system's name-service modules for any host source other
 # than files and DNS, and those must come from the C library release it was
 # linked with.
-if(QORC_PROTOBUF_LITE_STATIC AND QORC_STATIC_LIBC)
+if(QORC_FULLY_STATIC)
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -dM -E -x c++ -include features.h /dev/null
-    OUTPUT_VARIABLE libc_macros RESULT_VARIABLE libc_status)
-  if(NOT libc_status EQUAL 0 OR NOT libc_macros MATCHES "#define __GLIBC__ ([0-9]+)"
-     OR NOT libc_macros MATCHES "#define __GLIBC_MINOR__ ([0-9]+)")
-    message(FATAL_ERROR "cannot tell the C library release of ${CMAKE_CXX_COMPILER}")
-  endif()
+    OUTPUT_VARIABLE libc_macros)
   string(REGEX MATCH "#define __GLIBC__ ([0-9]+)" _ "${libc_macros}")
   set(libc_major ${CMAKE_MATCH_1})
   string(REGEX MATCH "#define __GLIBC_MINOR__ ([0-9]+)" _ "${libc_macros}")
   set(libc_minor ${CMAKE_MATCH_1})
+  if(libc_major STREQUAL "" OR libc_minor STREQUAL "")
+    message(FATAL_ERROR "cannot tell the C library release of ${CMAKE_CXX_COMPILER}")
+  endif()
   math(EXPR libc_next "${libc_minor} + 1")
   set(CPACK_DEBIAN_QORC_PACKAGE_DEPENDS
     "libc6 (>= ${libc_major}.${libc_minor}), libc6 (<< ${libc_major}.${libc_next})")

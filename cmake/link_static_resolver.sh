@@ -9,7 +9,7 @@ notes=$(mktemp) || exit 1
 "$@" 2>"$notes"
 status=$?
 awk '
-  /: in function `/ { held = $0; next }
+  /: in function `/ { if (held != "") print held; held = $0; next }
   /warning: Using .getaddrinfo. in statically linked applications/ { held = ""; next }
   { if (held != "") { print held; held = "" } print }
   END { if (held != "") print held }
