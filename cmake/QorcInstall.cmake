@@ -16,18 +16,16 @@ set_target_properties(orvi_protobuf PROPERTIES OUTPUT_NAME qorc-envelope EXPORT_
 install(TARGETS qor orvi qor_protobuf orvi_protobuf EXPORT qorcTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 
-# The public headers: qor::Client and what its header pulls in, no more.
+# The public headers: qor::Client, the device handle, the upgrade's callback
+# interface, the library's version and the exceptions a caller may catch.
+# Nothing of the engine: the libraries above hold it.
 set(qorc_include_dest ${QORC_INSTALL_INCLUDEDIR})
 install(FILES qorc/src/lib/qor/client.h qorc/src/lib/qor/sysupgrade_handler.h
+              ${CMAKE_BINARY_DIR}/qorc/include/qor/version.h
   DESTINATION ${qorc_include_dest}/qor COMPONENT dev)
 install(FILES qorc/src/lib/qor/device/device.h
   DESTINATION ${qorc_include_dest}/qor/device COMPONENT dev)
-install(FILES ${CMAKE_BINARY_DIR}/qorc/gen/qor/protobuf/device/status.pb.h
-  DESTINATION ${qorc_include_dest}/qor/protobuf/device COMPONENT dev)
-install(FILES rpc/orvi/protocol.h rpc/orvi/exceptions.h rpc/orvi/message.h rpc/orvi/proxy.h
-              rpc/orvi/proxy_info.h rpc/orvi/transport.h rpc/orvi/mutex.h
-              rpc/orvi/thread_annotations.h
-  DESTINATION ${qorc_include_dest}/orvi COMPONENT dev)
+install(FILES rpc/orvi/exceptions.h DESTINATION ${qorc_include_dest}/orvi COMPONENT dev)
 
 set(qorc_cmake_dest ${CMAKE_INSTALL_LIBDIR}/cmake/qorc)
 install(EXPORT qorcTargets NAMESPACE qorc:: DESTINATION ${qorc_cmake_dest} COMPONENT dev)

@@ -19,9 +19,16 @@ prefix=$scratch/prefix
 cmake --install "$build_dir" --prefix "$prefix" --component dev >/dev/null
 config=$(find "$prefix" -name qorcConfig.cmake)
 [ -n "$config" ] || { echo "no qorcConfig.cmake installed"; exit 1; }
-if find "$prefix" -name 'header.pb.h' -o -name 'command_header.pb.h' | grep -q .; then
-  echo "the RPC envelope's headers were installed"; exit 1
+if find "$prefix" -name '*.pb.h' | grep -q .; then
+  echo "generated message headers were installed"; exit 1
 fi
+# Each installed header compiles on its own, with nothing but the prefix.
+include_dir=$(dirname "$(dirname "$(find "$prefix" -path '*/qor/client.h')")")
+while IFS= read -r header; do
+  echo "#include \"${header#"$include_dir"/}\"" |
+    "${CXX:-g++}" -std=c++17 -fsyntax-only -Wall -Wextra -Werror -I "$include_dir" -x c++ - ||
+    { echo "installed header ${header#"$include_dir"/} does not compile on its own"; exit 1; }
+done < <(find "$include_dir" -name '*.h')
 
 cross=()
 if [ -n "$toolchain" ]; then

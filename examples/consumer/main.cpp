@@ -4,10 +4,11 @@
 #include <iostream>
 
 #include "qor/client.h"
+#include "qor/version.h"
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        std::cerr << "usage: board_mode HOST PORT\n";
+        std::cerr << "usage: board_mode HOST PORT (qorc library " QORC_VERSION_STRING ")\n";
         return 2;
     }
     try {

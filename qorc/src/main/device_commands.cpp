@@ -29,7 +29,7 @@ int open_failed(const std::string& path) {
 qor::client::Device found_device(qor::Client& client) {
     qor::client::Device device = client.get_device(0);
     if (!device.valid()) {
-        throw qor::client::DeviceException(qor::protobuf::device::status::DEVICE_NOT_FOUND);
+        throw qor::client::DeviceException(qor::client::DEVICE_NOT_FOUND);
     }
     return device;
 }

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "arguments.h"
+#include "qor/version.h"
 
 namespace qorc {
 
@@ -75,7 +76,8 @@ void usage(const char* program) {
 }
 
 void print_version() {
-    std::cout << "qorc 4.2.3-41112" << std::endl;
+    // The library's version, then the build of this release.
+    std::cout << "qorc " QORC_VERSION_STRING "-41112" << std::endl;
 }
 
 }  // namespace qorc

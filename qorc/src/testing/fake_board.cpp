@@ -1,6 +1,7 @@
 #include "fake_board.h"
 
 #include "qor/protobuf/catalogue.h"
+#include "testing/pipe_transport.h"
 
 namespace qor {
 namespace testing {
@@ -9,6 +10,12 @@ FakeBoard::FakeBoard() : m_protocol(new orvi::Protocol(2)) {
     m_transport = std::make_shared<orvi::TransportSimpleSocketServer>("127.0.0.1", "0");
     m_transport->listen();
     m_protocol->add_transport(m_transport);
+}
+
+std::shared_ptr<orvi::Transport> FakeBoard::pipe() {
+    auto ends = orvi::testing::make_pipe();
+    m_protocol->add_transport(ends.first);
+    return ends.second;
 }
 
 void FakeBoard::on(const std::string& name, orvi::FunctionHandler::Body body) {

@@ -1,6 +1,6 @@
-// A scripted board for the client library's tests: a serving engine on a
-// free loopback port whose commands the test defines one by one, counting
-// how often each is called.
+// A scripted board for the client library's tests: a serving engine whose
+// commands the test defines one by one, counting how often each is called.
+// It listens on a free loopback port, and takes in-process connections too.
 #pragma once
 
 #include <map>
@@ -20,6 +20,9 @@ class FakeBoard {
     FakeBoard();
 
     std::string port() const { return std::to_string(m_transport->local_port()); }
+    // A new connection to this board with no socket in between: hand the
+    // result to qor::Client::connect or an engine's add_transport.
+    std::shared_ptr<orvi::Transport> pipe();
 
     // `name` is the short command name, e.g. "device.get".
     void on(const std::string& name, orvi::FunctionHandler::Body body) EXCLUDES(m_mutex);

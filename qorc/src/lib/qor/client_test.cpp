@@ -5,6 +5,7 @@
 
 #include "fake_board.h"
 #include "qor/protobuf/fw_config_mode.pb.h"
+#include "qor/protobuf/version.pb.h"
 
 namespace qor {
 namespace {
@@ -18,7 +19,7 @@ TEST(Client, EchoIsByteExactAtAnyLength) {
         h.set_done();
     });
     Client client;
-    client.connect("127.0.0.1", board.port(), "", 0);
+    client.connect(board.pipe());
     std::string reply = "stale";
     client.echo("coucou", reply);
     EXPECT_EQ(reply, "coucou");
@@ -32,10 +33,27 @@ TEST(Client, AnswersWithoutBodyGiveDefaults) {
     testing::FakeBoard board;
     board.on("fw_config_mode", [](Handler& h, const std::string&) { h.set_done(); });
     Client client;
-    client.connect("127.0.0.1", board.port(), "", 0);
+    client.connect(board.pipe());
     bool fff = true;
     client.fw_config_mode(fff);
     EXPECT_FALSE(fff);
+}
+
+TEST(Client, VersionOrItsAbsence) {
+    testing::FakeBoard board;
+    Client client;
+    client.connect(board.pipe());
+    std::string version, magic;
+    EXPECT_THROW(client.version(version, magic), orvi::ProxyCommandNoHandler);
+    board.on("version", [](Handler& h, const std::string&) {
+        qor::protobuf::version::Answer a;
+        a.set_version("4.3.0-rc1");
+        a.set_magic("c0ffee");
+        h.answer(a);
+    });
+    client.version(version, magic);
+    EXPECT_EQ(version, "4.3.0-rc1");
+    EXPECT_EQ(magic, "c0ffee");
 }
 
 TEST(Client, FailedConnectLeavesTheSessionUsableForAnotherTry) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "fake_board.h"
-#include "orvi/transport_simple_socket_client.h"
 #include "qor/protobuf/system_boot_end.pb.h"
 
 namespace qor {
@@ -23,11 +22,7 @@ struct RecordingHandler : SysupgradeHandler {
 
 struct Session {
     orvi::Protocol protocol{1};
-    explicit Session(const std::string& port) {
-        auto t = std::make_shared<orvi::TransportSimpleSocketClient>("127.0.0.1", port);
-        t->connect(0);
-        protocol.add_transport(t);
-    }
+    explicit Session(testing::FakeBoard& board) { protocol.add_transport(board.pipe()); }
 };
 
 TEST(BootEnd, PollsEverySecondUntilDone) {
@@ -38,7 +33,7 @@ TEST(BootEnd, PollsEverySecondUntilDone) {
         a.set_boot_done(++polls >= 3);
         h.answer(a);
     });
-    Session s(board.port());
+    Session s(board);
     RecordingHandler handler;
     _wait_system_boot_end(s.protocol, &handler, 7);
     EXPECT_EQ(polls, 3);
@@ -55,7 +50,7 @@ TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
         h.send_command_exception("still booting");
         h.abandon();
     });
-    Session s(board.port());
+    Session s(board);
     RecordingHandler handler;
     _wait_system_boot_end(s.protocol, &handler, 0);  // must not throw
     EXPECT_EQ(board.calls("wait_system_boot_end"), 1);

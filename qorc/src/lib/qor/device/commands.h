@@ -7,6 +7,7 @@
 #include "orvi/protocol.h"
 #include "qor/commands.h"
 #include "qor/device/device.h"
+#include "qor/device/device_manager.h"
 #include "qor/protobuf/device/get.pb.h"
 #include "qor/protobuf/device/identities_get.pb.h"
 #include "qor/protobuf/device/psi_get.pb.h"

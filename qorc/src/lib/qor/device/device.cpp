@@ -3,21 +3,27 @@
 #include <cassert>
 
 #include "qor/device/commands.h"
+#include "qor/device/device_manager.h"
+#include "qor/protobuf/device/status.pb.h"
 
 namespace qor {
 namespace client {
 
-namespace status = qor::protobuf::device::status;
+namespace wire = qor::protobuf::device::status;
+static_assert(DEVICE_OK == static_cast<int>(wire::DEVICE_OK) &&
+                  DEVICE_NOT_FOUND == static_cast<int>(wire::DEVICE_NOT_FOUND) &&
+                  DEVICE_LOST == static_cast<int>(wire::DEVICE_LOST),
+              "the public device statuses are the board's");
 
 std::map<orvi::Protocol*, std::shared_ptr<DeviceManager>> DeviceManager::s_deviceManagerMap;
 
 const char* get_device_status_str(DeviceStatus s) {
     switch (static_cast<int>(s)) {
-        case status::DEVICE_OK:
+        case DEVICE_OK:
             return "device OK";
-        case status::DEVICE_NOT_FOUND:
+        case DEVICE_NOT_FOUND:
             return "device not found";
-        case status::DEVICE_LOST:
+        case DEVICE_LOST:
             return "device lost";
         default:
             return "unknown device status";
@@ -25,8 +31,10 @@ const char* get_device_status_str(DeviceStatus s) {
 }
 
 DeviceInfo::DeviceInfo(unsigned int device_id)
-    : id(device_id),
-      status(device_id == kUnknownDeviceId ? status::DEVICE_NOT_FOUND : status::DEVICE_OK) {}
+    : id(device_id), status(device_id == kUnknownDeviceId ? DEVICE_NOT_FOUND : DEVICE_OK) {}
+
+Device::Device(orvi::Protocol* protocol, std::shared_ptr<DeviceInfo> info)
+    : m_protocol(protocol), m_info(std::move(info)) {}
 
 orvi::Protocol& Device::protocol() {
     assert(m_protocol);
@@ -35,8 +43,8 @@ orvi::Protocol& Device::protocol() {
 
 void Device::check_usable() {
     protocol();
-    if (!m_info) throw DeviceException(status::DEVICE_NOT_FOUND);
-    if (m_info->status != status::DEVICE_OK) throw DeviceException(m_info->status);
+    if (!m_info) throw DeviceException(DEVICE_NOT_FOUND);
+    if (m_info->status != DEVICE_OK) throw DeviceException(m_info->status);
 }
 
 void Device::activate_talvex(const std::string& passcode) {
@@ -79,7 +87,7 @@ void DeviceManager::mark_lost() {
     for (auto& entry : m_devices) {
         if (const auto& info = entry.second.info()) {
             info->id = kUnknownDeviceId;
-            info->status = status::DEVICE_LOST;
+            info->status = DEVICE_LOST;
         }
     }
 }

@@ -1,34 +1,24 @@
-// Devices (modems) served by the board, by numeric id.
-//
-// Handles are looked up once with device.get and cached per engine by a
-// DeviceManager, which marks every cached handle lost when its engine goes.
-// Not locked: get_device and the device operations belong to the
-// application thread.
+// The devices (modems) that a board serves, by numeric id: a handle per
+// device, and what its operations report. Handles come from
+// qor::Client::get_device; they are used from the session's thread only.
 #pragma once
 
 #include <exception>
-#include <map>
 #include <memory>
 #include <string>
 
-#include "orvi/protocol.h"
-#include "qor/protobuf/device/status.pb.h"
+namespace orvi {
+class Protocol;
+}
 
 namespace qor {
 namespace client {
 
-using DeviceStatus = qor::protobuf::device::status::DeviceStatus;
+// The values the board reports in its device.get answer.
+enum DeviceStatus { DEVICE_OK = 0, DEVICE_NOT_FOUND = 1, DEVICE_LOST = 2 };
 
-constexpr unsigned int kUnknownDeviceId = 0xFFFFFFFF;
-
+// "device OK", "device not found", "device lost", or "unknown device status".
 const char* get_device_status_str(DeviceStatus status);
-
-// Shared between the manager's cache and every handle for the id.
-struct DeviceInfo {
-    explicit DeviceInfo(unsigned int device_id);
-    unsigned int id;
-    DeviceStatus status;
-};
 
 struct DeviceIdentities {
     std::string mac;
@@ -36,6 +26,7 @@ struct DeviceIdentities {
     std::string serial;
 };
 
+// Thrown by a Device operation on a device that is not usable.
 class DeviceException : public std::exception {
   public:
     explicit DeviceException(DeviceStatus status) : m_status(status) {}
@@ -46,24 +37,27 @@ class DeviceException : public std::exception {
     DeviceStatus m_status;
 };
 
-// A copyable handle. Empty (no engine, no info) for a device the board does
-// not know.
+struct DeviceInfo;  // the library's own: shared by every handle of one device
+
+// A copyable handle. Empty (valid() false) for a device the board does not
+// know. Once the session that gave it is gone, every operation throws
+// DeviceException "device lost" and sends nothing.
 class Device {
   public:
     Device() = default;
-    Device(orvi::Protocol* protocol, std::shared_ptr<DeviceInfo> info)
-        : m_protocol(protocol), m_info(std::move(info)) {}
+    Device(orvi::Protocol* protocol, std::shared_ptr<DeviceInfo> info);
 
-    // Every operation checks, in this order: the engine (an assertion), the
-    // info ("device not found"), the status (e.g. "device lost").
+    // Each operation runs one command on the board and returns when it is
+    // done; the board's failure is thrown as in qor::Client. An empty handle
+    // is a programming error: an assertion stops the program.
     void activate_talvex(const std::string& passcode);
     void get_identities(DeviceIdentities& out);
     void psi_get(const std::string& path, std::string& json);
     void psi_set(const std::string& path, const std::string& json);
     void reset_imei(const std::string& passcode);
 
-    orvi::Protocol& protocol();
     bool valid() const { return m_protocol != nullptr && m_info != nullptr; }
+    orvi::Protocol& protocol();
     const std::shared_ptr<DeviceInfo>& info() const { return m_info; }
 
   private:
@@ -72,24 +66,6 @@ class Device {
     orvi::Protocol* m_protocol = nullptr;
     std::shared_ptr<DeviceInfo> m_info;
 };
-
-// One per engine, registered as the engine's life handler.
-class DeviceManager : public orvi::ProtocolLifeHandler {
-  public:
-    explicit DeviceManager(orvi::Protocol& protocol);
-    ~DeviceManager() override;
-    void on_protocol_destroyed(orvi::Protocol* protocol) override;
-
-    std::map<unsigned int, Device> m_devices;
-    static std::map<orvi::Protocol*, std::shared_ptr<DeviceManager>> s_deviceManagerMap;
-
-  private:
-    void mark_lost();
-};
-
-// The cached handle for `id`, or a fresh lookup on the board. A not-found
-// answer gives an empty handle and is not cached.
-Device get_device(orvi::Protocol& protocol, unsigned int id);
 
 }  // namespace client
 }  // namespace qor

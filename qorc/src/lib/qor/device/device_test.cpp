@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "qor/device/device_manager.h"
+
 #include "fake_board.h"
 #include "qor/client.h"
 #include "qor/protobuf/device/get.pb.h"
@@ -35,7 +37,7 @@ TEST(DeviceHandles, HandlesAreCachedPerEngineButNotFoundIsNot) {
     testing::FakeBoard board;
     serve_devices(board);
     Client client;
-    client.connect("127.0.0.1", board.port(), "", 0);
+    client.connect(board.pipe());
 
     Device a = client.get_device(0);
     Device b = client.get_device(0);
@@ -58,7 +60,7 @@ TEST(DeviceHandles, HandlesOutlivingTheirEngineAreLost) {
     Device kept;
     {
         Client client;
-        client.connect("127.0.0.1", board.port(), "", 0);
+        client.connect(board.pipe());
         kept = client.get_device(0);
     }
     EXPECT_EQ(DeviceManager::s_deviceManagerMap.size(), 0u);
@@ -80,17 +82,17 @@ TEST(DeviceHandles, UnreadableAnswerCountsAsFound) {
         h.set_done();
     });
     Client client;
-    client.connect("127.0.0.1", board.port(), "", 0);
+    client.connect(board.pipe());
     EXPECT_TRUE(client.get_device(3).valid());
 }
 
 TEST(DeviceHandles, StatusTexts) {
-    EXPECT_STREQ(get_device_status_str(pb::status::DEVICE_OK), "device OK");
-    EXPECT_STREQ(get_device_status_str(pb::status::DEVICE_NOT_FOUND), "device not found");
-    EXPECT_STREQ(DeviceException(pb::status::DEVICE_LOST).what(), "device lost");
+    EXPECT_STREQ(get_device_status_str(DEVICE_OK), "device OK");
+    EXPECT_STREQ(get_device_status_str(DEVICE_NOT_FOUND), "device not found");
+    EXPECT_STREQ(DeviceException(DEVICE_LOST).what(), "device lost");
     EXPECT_STREQ(get_device_status_str(static_cast<DeviceStatus>(3)), "unknown device status");
-    EXPECT_EQ(DeviceInfo(kUnknownDeviceId).status, pb::status::DEVICE_NOT_FOUND);
-    EXPECT_EQ(DeviceInfo(4).status, pb::status::DEVICE_OK);
+    EXPECT_EQ(DeviceInfo(kUnknownDeviceId).status, DEVICE_NOT_FOUND);
+    EXPECT_EQ(DeviceInfo(4).status, DEVICE_OK);
 }
 
 TEST(DeviceHandlesDeathTest, EmptyHandleAbortsBeforeAnyStatusCheck) {
