@@ -34,6 +34,7 @@ run() {
 
 run discover
 run fw_config_mode
+run fw_version
 run psi_get
 echo '{"roaming": true, "apn": "iot.example"}' >"$work/amend.json"
 run psi_set "$work/amend.json"

@@ -103,6 +103,10 @@ TEST(Cli, ScanMessagesStandAlone) {
     expect(run_qorc({"foo"}), 1, "", "unknown command \"foo\"\n");
     expect(run_qorc({""}), 1, "", "unknown command \"\"\n");
     expect(run_qorc({"-x"}), 1, "", "unknown option \"-x\"\n");
+    // A lone "-" is an operand; these sub-commands take none.
+    expect(run_qorc({"-"}), 1, "", "unknown command \"-\"\n");
+    expect(run_qorc({"fw_version", "-"}), 1, "", "unknown command \"-\"\n");
+    expect(run_qorc({"fw_version", "foo"}), 1, "", "unknown command \"foo\"\n");
     // A scan message stops everything behind it.
     expect(run_qorc({"foo", "--version"}), 1, "", "unknown command \"foo\"\n");
 }
@@ -179,6 +183,150 @@ TEST(Cli, DispatchFollowsTheListNotTheWordOrder) {
            "Error: TALVEX passcode is required\n" + usage());
     expect(run_qorc({"-u", sim.address(), "activate", "TALVEX-5678"}), 0,
            "Try to connect to " + sim.address() + "\n", "");
+}
+
+// One run of qorc and what it must print; `input` is its standard input.
+struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;
+    std::string input = "";
+};
+
+// qorc with standard input read from the file (or directory) `input_path`.
+Result run_qorc_reading(const std::string& input_path, const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {"-c", "exec \"$@\" < \"$0\"", input_path, qorc_binary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_command("/bin/sh", argv);
+}
+
+void run_cases(const std::string& address, const std::vector<Case>& cases) {
+    TempDir dir;
+    for (const Case& c : cases) {
+        std::vector<std::string> args = {"--url", address};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        SCOPED_TRACE(testing::PrintToString(args) + " reading " + testing::PrintToString(c.input));
+        expect(run_qorc_reading(dir.write("stdin", c.input), args), c.status, c.out, c.err);
+    }
+}
+
+TEST(Cli, FwVersion) {
+    Sim sim;
+    const std::string hello = "Try to connect to " + sim.address() + "\n";
+    const std::string version = hello + "FW version: qord-sim 1.0.0\n";
+    run_cases(sim.address(),
+              {
+                  {{"fw_version"}, 0, version, ""},
+                  // Last in the dispatch list, but it counts as a sub-command.
+                  {{"discover", "fw_version"}, 0, version, ""},
+                  {{"fw_version", "fw_config_mode"}, 0, hello + "FW configuration mode: FFF\n", ""},
+                  {{"fw_version", "activate", "TALVEX-5678"}, 0, hello, ""},
+              });
+    Sim bare({"--no-version"});
+    run_cases(bare.address(), {{{"fw_version"},
+                                1,
+                                "Try to connect to " + bare.address() + "\n",
+                                "Error: No handler found\n"}});
+    Sim failing({"--fail", "version=version store unreadable"});
+    run_cases(failing.address(), {{{"fw_version"},
+                                   1,
+                                   "Try to connect to " + failing.address() + "\n",
+                                   "Error: version store unreadable\n"}});
+}
+
+TEST(Cli, DashIsStandardInputOrOutput) {
+    Sim sim;
+    const std::string hello = "Try to connect to " + sim.address() + "\n";
+    const std::string ids =
+        "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 353456789012348\n"
+        "\tSERIAL: QS-000001\n";
+    const std::string patch = "{\"roaming\": true}\n";
+    const std::string required = "Error: TALVEX passcode is required\n" + usage();
+    run_cases(sim.address(),
+              {
+                  {{"psi_get", "-"},
+                   0,
+                   hello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":false})"
+                           "\n",
+                   ""},
+                  // The whole of standard input, sent as it is.
+                  {{"psi_set", "-"}, 0, hello + "json: " + patch + "\n", "", patch},
+                  {{"psi_get", "-"},
+                   0,
+                   hello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})"
+                           "\n",
+                   ""},
+                  {{"reset_imei", "-"},
+                   0,
+                   hello + ids,
+                   "",
+                   "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
+                  {{"reset_imei", "-"},
+                   1,
+                   hello + ids,
+                   "Error: IMEI reset refused: wrong passcode\n",
+                   "02-00-5e-10-00-01 RESET-0000\n"},
+                  {{"reset_imei", "-"},
+                   1,
+                   hello + ids,
+                   "No passcode found for this device (02:00:5E:10:00:01)\n",
+                   ""},
+                  // The first line of standard input, without its line end.
+                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678\nTALVEX-0000\n"},
+                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678\r\n"},
+                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678"},
+                  {{"activate", "-"},
+                   1,
+                   hello,
+                   "Error: TALVEX activation refused: wrong passcode\n",
+                   "TALVEX-0000\nTALVEX-5678\n"},
+                  // Read before connecting: an empty one costs no connection.
+                  {{"activate", "-"}, 1, "", required, ""},
+                  {{"activate", "-"}, 1, "", required, "\nTALVEX-5678\n"},
+              });
+    // For sysupgrade it is a file name like any other: the scan accepts it.
+    const std::string closed = closed_address();
+    run_cases(closed, {{{"sysupgrade", "-"},
+                        1,
+                        "Try to connect to " + closed + "\n",
+                        "Error: Failed to connect to " + closed + "\n"}});
+}
+
+TEST(Cli, UnreadableStandardInput) {
+    // Reading a directory fails, as a broken pipe or a disk error would.
+    Sim sim({"--drop", "get"});  // a remote call would say so
+    TempDir dir;
+    const std::string hello = "Try to connect to " + sim.address() + "\n";
+    const std::vector<Case> cases = {
+        {{"psi_set", "-"}, 2, hello, "Failed to read \"-\"\n"},
+        {{"reset_imei", "-"}, 2, hello, "Failed to read \"-\"\n"},
+        {{"activate", "-"}, 2, "", "Failed to read \"-\"\n"},  // before connecting
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> args = {"--url", sim.address()};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        SCOPED_TRACE(testing::PrintToString(args));
+        expect(run_qorc_reading(dir.path(), args), c.status, c.out, c.err);
+    }
+}
+
+TEST(Cli, PasscodeNeverShowsInTheProcessList) {
+    if (under_emulator()) GTEST_SKIP() << "/proc shows the emulator's own arguments";
+    Sim sim({"--stall", "activate"});  // qorc waits for an answer that never comes
+    TempDir dir;
+    const std::string code = "TALVEX-5678";
+    Process qorc(qorc_binary(), {"--url", sim.address(), "activate", code}, dir.file("out"));
+    // The line comes after the scan, which has overwritten the passcode.
+    ASSERT_FALSE(support::wait_for_line(dir.file("out"), "Try to connect", 15000).empty());
+    ASSERT_TRUE(sim.wait_output("connection from"));
+    const std::string cmdline = read_file("/proc/" + std::to_string(qorc.pid()) + "/cmdline");
+    ASSERT_TRUE(qorc.running());
+    EXPECT_EQ(cmdline.find(code), std::string::npos);
+    const std::string expected = std::string(qorc_binary()) + '\0' + "--url" + '\0' +
+                                 sim.address() + '\0' + "activate" + '\0' +
+                                 std::string(code.size(), 'x') + '\0';
+    EXPECT_EQ(cmdline, expected);
 }
 
 }  // namespace

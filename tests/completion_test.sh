@@ -31,7 +31,9 @@ expect() { # expected -- words...
     fi
 }
 
-expect "fallback_ffh fw_config_mode " -- qorc f
+expect "fallback_ffh fw_config_mode fw_version " -- qorc f
+expect "fw_version " -- qorc -u 127.0.0.1 fw_v
+expect "" -- qorc fw_version ""
 expect "psi_get psi_set " -- qorc --url 127.0.0.1:7000 psi
 expect "--url " -- qorc --u
 expect "--bind --url --version -h -u " -- qorc -

@@ -1,7 +1,10 @@
 #include "arguments.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
+
+#include "local_files.h"
 
 namespace qorc {
 
@@ -20,8 +23,10 @@ int check_error(const std::string& message, const char* program) {
     return 1;
 }
 
-// A free argument goes to the first sub-command that takes one.
-int take_free_argument(Arguments& a, const std::string& arg) {
+// A free argument goes to the first sub-command that takes one. `raw` is
+// its entry in argv.
+int take_free_argument(Arguments& a, char* raw) {
+    const std::string arg = raw;
     const std::string unexpected = "unexpected argument \"" + arg + "\"";
     if (a.sysupgrade) {
         if (!a.fw.empty()) return scan_error(unexpected);
@@ -37,6 +42,9 @@ int take_free_argument(Arguments& a, const std::string& arg) {
         if (!a.passcode.empty()) return scan_error(unexpected);
         a.passcode = arg;
         a.psi_set = a.psi_get = a.sysupgrade = false;
+        // ps and /proc/PID/cmdline read argv from our memory: from now on
+        // they show x's in its place.
+        if (!is_stdio(arg)) std::memset(raw, 'x', arg.size());
     } else {
         return scan_error("unknown command \"" + arg + "\"");
     }
@@ -62,6 +70,8 @@ int scan(int argc, char** argv, Arguments& a) {
             a.reset_imei = true;
         } else if (arg == "activate") {
             a.activate = true;
+        } else if (arg == "fw_version") {
+            a.fw_version = true;
         } else if (arg == "--url" || arg == "-u") {
             if (++i >= argc) return scan_error("--url|-u option require an argument");
             a.url = argv[i];
@@ -87,19 +97,20 @@ int scan(int argc, char** argv, Arguments& a) {
         } else if (arg == "-h") {
             usage(argv[0]);
             return 0;
-        } else if (!arg.empty() && arg[0] == '-') {
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            // A lone "-" is no option but an operand: standard input or output.
             return scan_error("unknown option \"" + arg + "\"");
         } else {
-            const int status = take_free_argument(a, arg);
+            const int status = take_free_argument(a, argv[i]);
             if (status >= 0) return status;
         }
     }
     return -1;
 }
 
-int check(int argc, char** argv, const Arguments& a) {
-    const bool any =
-        a.fallback_ffh || a.fw_config_mode || a.sysupgrade || a.psi_get || a.psi_set || a.discover;
+int check(int argc, char** argv, Arguments& a) {
+    const bool any = a.fallback_ffh || a.fw_config_mode || a.sysupgrade || a.psi_get || a.psi_set ||
+                     a.discover || a.fw_version;
     if (argc < 2 || (!any && !a.activate && !a.reset_imei)) {
         return check_error("Error: expecting sub command", argv[0]);
     }
@@ -107,6 +118,11 @@ int check(int argc, char** argv, const Arguments& a) {
     if (a.psi_set && a.path.empty()) return check_error("Error: json path is required", argv[0]);
     if (a.reset_imei && a.path.empty()) {
         return check_error("Error: file path is required", argv[0]);
+    }
+    // Read before connecting: a passcode that is not there must not cost a
+    // connection to the board.
+    if (a.activate && is_stdio(a.passcode) && !read_stdin_line(a.passcode)) {
+        return file_failed("to read", kStdioPath);
     }
     if (a.activate && a.passcode.empty()) {
         return check_error("Error: TALVEX passcode is required", argv[0]);

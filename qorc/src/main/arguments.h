@@ -28,11 +28,15 @@ struct Arguments {
     bool discover = false;
     bool reset_imei = false;
     bool activate = false;
+    bool fw_version = false;
 };
 
 // Scans and checks argv, printing every message itself. Returns -1 when a
 // sub-command is to run, otherwise the exit status to stop with ("-h" and
-// "--version" stop with 0, every error with 1).
+// "--version" stop with 0, an unreadable standard input with 2, every other
+// error with 1). A passcode is overwritten with 'x' in argv as soon as it is
+// copied, so that the process list never shows it; a passcode of "-" is
+// replaced by the first line of standard input, read here.
 int parse_arguments(int argc, char** argv, Arguments& args);
 
 // Splits "host[:port]" at its first ':'; an empty port becomes 7000.

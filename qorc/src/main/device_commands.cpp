@@ -4,7 +4,9 @@
 
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
+#include "local_files.h"
 #include "passcode_file.h"
 #include "qor/protobuf/catalogue.h"
 
@@ -16,11 +18,6 @@ namespace {
 bool is_directory(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-int file_failed(const char* what, const std::string& path) {
-    std::cerr << "Failed " << what << " \"" << path << "\"" << std::endl;
-    return 2;
 }
 
 int open_failed(const std::string& path) {
@@ -61,6 +58,13 @@ int fallback_ffh(qor::Client& client) {
     return 0;
 }
 
+int fw_version(qor::Client& client) {
+    std::string version, magic;
+    client.version(version, magic);
+    std::cout << "FW version: " << version << std::endl;
+    return 0;
+}
+
 int fw_config_mode(qor::Client& client) {
     bool is_fff = false;
     client.fw_config_mode(is_fff);
@@ -79,7 +83,7 @@ int psi_get(qor::Client& client, const std::string& path) {
         qor::client::Device device = found_device(client);
         device.psi_get(qor::catalogue::kPsiReadPath, json);
     }
-    if (path.empty()) {
+    if (path.empty() || is_stdio(path)) {
         std::cout << json << std::endl;
         return 0;
     }
@@ -93,22 +97,37 @@ int psi_get(qor::Client& client, const std::string& path) {
 }
 
 int psi_set(qor::Client& client, const std::string& path) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open() || is_directory(path)) return open_failed(path);
     std::string content;
-    file.seekg(0, std::ios::end);
-    const std::streamoff size = file.tellg();
-    if (size > 0) content.reserve(static_cast<size_t>(size));
-    file.seekg(0, std::ios::beg);
-    if (!read_rest(file, content)) return file_failed("to read", path);
-
+    if (is_stdio(path)) {
+        if (!read_stdin(content)) return file_failed("to read", path);
+    } else {
+        std::ifstream file(path, std::ios::in | std::ios::binary);
+        if (!file.is_open() || is_directory(path)) return open_failed(path);
+        file.seekg(0, std::ios::end);
+        const std::streamoff size = file.tellg();
+        if (size > 0) content.reserve(static_cast<size_t>(size));
+        file.seekg(0, std::ios::beg);
+        if (!read_rest(file, content)) return file_failed("to read", path);
+    }
     found_device(client).psi_set(qor::catalogue::kPsiAmendPath, content);
     return 0;
 }
 
 int reset_imei(qor::Client& client, const std::string& path) {
-    std::ifstream file(path);
-    if (!file.is_open() || is_directory(path)) return open_failed(path);
+    // Standard input is taken whole before the board is asked, so that a
+    // failing read, like a file that does not open, costs no remote call.
+    std::ifstream named;
+    std::istringstream piped;
+    std::istream* file = &named;
+    if (is_stdio(path)) {
+        std::string text;
+        if (!read_stdin(text)) return file_failed("to read", path);
+        piped.str(std::move(text));
+        file = &piped;
+    } else {
+        named.open(path);
+        if (!named.is_open() || is_directory(path)) return open_failed(path);
+    }
 
     qor::client::Device device = found_device(client);
     qor::client::DeviceIdentities ids;
@@ -117,7 +136,7 @@ int reset_imei(qor::Client& client, const std::string& path) {
               << "\n\tSERIAL: " << ids.serial << std::endl;
 
     std::string passcode;
-    switch (find_passcode(file, ids.mac, passcode)) {
+    switch (find_passcode(*file, ids.mac, passcode)) {
         case PasscodeLookup::kFound:
             device.reset_imei(passcode);
             return 0;

@@ -11,7 +11,11 @@ namespace qorc {
 
 int fallback_ffh(qor::Client& client);
 int fw_config_mode(qor::Client& client);
+// "FW version: " and the version the board reports.
+int fw_version(qor::Client& client);
 int activate_talvex(qor::Client& client, const std::string& passcode);
+// A path of "-" means standard input for psi_set and reset_imei, standard
+// output for psi_get.
 // Empty path: the JSON goes to standard output. 2 when the file cannot be
 // written (the board has been asked already).
 int psi_get(qor::Client& client, const std::string& path);

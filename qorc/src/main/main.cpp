@@ -21,6 +21,7 @@ int dispatch(qor::Client& client, const qorc::Arguments& a, const std::string& u
     if (a.psi_set) return qorc::psi_set(client, a.path);
     if (a.reset_imei) return qorc::reset_imei(client, a.path);
     if (a.activate) return qorc::activate_talvex(client, a.passcode);
+    if (a.fw_version) return qorc::fw_version(client);
     return 0;  // discover: connecting was the whole job
 }
 

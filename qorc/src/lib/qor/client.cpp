@@ -46,6 +46,10 @@ void Client::fw_config_mode(bool& is_fff) {
     m_protocol->create_command_proxy<client::FwConfigMode>()->execute(is_fff);
 }
 
+void Client::version(std::string& version, std::string& magic) {
+    m_protocol->create_command_proxy<client::Version>()->execute(version, magic);
+}
+
 client::Device Client::get_device(unsigned int id) {
     return client::get_device(*m_protocol, id);
 }

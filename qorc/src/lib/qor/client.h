@@ -36,6 +36,9 @@ class Client {
     void echo(const std::string& payload, std::string& reply);
     void fallback_ffh();
     void fw_config_mode(bool& is_fff);
+    // The firmware the board runs, and the magic that tells one build from
+    // another.
+    void version(std::string& version, std::string& magic);
     // May be an empty handle when the board does not know the id.
     client::Device get_device(unsigned int id);
     void sysupgrade(const std::string& fw, bool keep_config, bool no_keep, int timeout,
