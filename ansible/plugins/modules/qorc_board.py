@@ -28,8 +28,8 @@ description:
   - Run it on the host the board hangs off (delegate_to), not on the board.
   - Use M(qorc.boards.qorc_board_info) to read a board without changing it.
 requirements:
-  - qorc 4.2.3 or later with the C(fw_version) sub-command and C(activate -)
-    on the host that runs the module.
+  - A qorc that has the C(fw_version) sub-command and reads the passcode of
+    C(activate -) from standard input, on the host that runs the module.
 notes:
   - After a switch to FFH the board reboots; the module waits until it has
     gone down and answers again (I(reboot_timeout)) before it reads the facts.

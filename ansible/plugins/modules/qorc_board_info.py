@@ -23,8 +23,8 @@ description:
   - M(qorc.boards.qorc_board) changes a board and returns the same values
     as facts.
 requirements:
-  - qorc 4.2.3 or later with the C(fw_version) sub-command on the host that
-    runs the module.
+  - A qorc that has the C(fw_version) sub-command, on the host that runs the
+    module.
 attributes:
   check_mode:
     description: Can run in check mode and return changed status prediction
