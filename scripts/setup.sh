@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-14-dev
   iproute2
   ansible-core
+  pylint pycodestyle yamllint shellcheck python3-voluptuous python3-packaging python3-venv
   scdoc lintian dpkg-dev file man-db pkg-config bash-completion
   g++-arm-linux-gnueabihf qemu-user-static
 )
