@@ -156,6 +156,7 @@ void UpgradeScript::operator()(BoardConnection& c, int index) {
         if (r.is("system_boot_end")) {
             c.answer(r, kDone, {boot_end_answer(true)});
         } else if (r.is("version")) {
+            if (rebooted && gone_at_version) return;
             c.answer(
                 r, kDone,
                 {version_answer("v" + std::to_string(index), "magic-" + std::to_string(index))});

@@ -96,6 +96,7 @@ class UpgradeScript {
     bool extra_next = false;         // one NEXT more after the last chunk
     size_t refuse_at = 0;            // set: refuse the image once this many bytes arrived
     bool deaf_after_reboot = false;  // later connections never answer the handshake
+    bool gone_at_version = false;    // later connections hang up when asked it
     HostileBoard* board = nullptr;   // set: refuse connections after the reboot
 
     void operator()(BoardConnection& c, int index);
