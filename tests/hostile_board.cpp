@@ -156,6 +156,7 @@ void UpgradeScript::operator()(BoardConnection& c, int index) {
         if (r.is("system_boot_end")) {
             c.answer(r, kDone, {boot_end_answer(true)});
         } else if (r.is("version")) {
+            if (rebooted && gone_at_version) return;
             c.answer(
                 r, kDone,
                 {version_answer("v" + std::to_string(index), "magic-" + std::to_string(index))});
@@ -163,7 +164,9 @@ void UpgradeScript::operator()(BoardConnection& c, int index) {
             const size_t size = pb_parse(r.bodies.at(0)).numbers.at(2);
             while (image.size() < size) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(chunk_delay_ms));
+                if (before_next) before_next(image.size());
                 c.answer(r, kData, {upgrade_next()});
+                if (after_next) after_next(image.size());
                 image += c.next().bodies.at(0);
                 if (refuse_at != 0 && image.size() >= refuse_at) {
                     c.answer(r, kException, {}, "image refused");

@@ -96,7 +96,13 @@ class UpgradeScript {
     bool extra_next = false;         // one NEXT more after the last chunk
     size_t refuse_at = 0;            // set: refuse the image once this many bytes arrived
     bool deaf_after_reboot = false;  // later connections never answer the handshake
+    bool gone_at_version = false;    // later connections hang up when asked it
     HostileBoard* board = nullptr;   // set: refuse connections after the reboot
+    // Called with the bytes received so far, before and after each NEXT is
+    // sent. They may pause, or throw std::runtime_error to end the script
+    // there: a board that died.
+    std::function<void(size_t)> before_next;
+    std::function<void(size_t)> after_next;
 
     void operator()(BoardConnection& c, int index);
 };

@@ -86,6 +86,20 @@ TEST(UpgradeFaults, ReconnectionPacingOnABoardThatNeverAnswersTheHandshake) {
     expect_paced_reboot_failure(u);
 }
 
+// Back from the reboot, the board hangs up when asked what it runs: nothing
+// says the upgrade took, so it is no success.
+TEST(UpgradeFaults, ConnectionLostAtTheVersionCheckAfterTheReboot) {
+    REQUIRE_PRIVATE_TMP();
+    Upgrade u;
+    u.script.board = nullptr;
+    u.script.gone_at_version = true;
+    const Result r = run_qorc(u.args());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Error: Connection lost\n"), std::string::npos) << r.err;
+    EXPECT_EQ(r.out.find("Upgrade done"), std::string::npos) << r.out;
+    EXPECT_FALSE(file_exists(kMarker));
+}
+
 TEST(UpgradeFaults, ClosedStandardOutputDoesNotStopTheUpgrade) {
     REQUIRE_PRIVATE_TMP();
     Upgrade u;

@@ -43,6 +43,11 @@ class WakeEvent;
 //
 // connect(timeout) with a positive timeout bounds the whole attempt, the
 // TCP connection and the handshake answer alike, by that many seconds.
+// Once connected, the kernel watches the peer (keepalive after 10 s without
+// traffic, and 30 s at most for anything sent to go unanswered): a peer that
+// vanishes without closing, powered off or unplugged, ends the connection
+// as a loss within about 30 s, whoever is reading or writing. A peer whose
+// TCP stack still answers is waited for as long as it takes.
 //
 // States: idle (no socket) -> connected -> serving -> (stop_serve) connected,
 // or broken when the reader fails; disconnect() returns to idle.

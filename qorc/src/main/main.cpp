@@ -9,6 +9,12 @@
 
 namespace {
 
+// Seconds for the first connection, TCP and the handshake answer together:
+// a board that is off or unplugged, or whose daemon never answers, is
+// reported rather than waited for (the kernel alone gives up on unanswered
+// SYNs only after more than two minutes).
+constexpr int kConnectTimeout = 30;
+
 int dispatch(qor::Client& client, const qorc::Arguments& a, const std::string& url) {
     if (a.fallback_ffh) return qorc::fallback_ffh(client);
     if (a.fw_config_mode) return qorc::fw_config_mode(client);
@@ -43,7 +49,7 @@ int main(int argc, char** argv) {
     // One command, then exit: there is no idle spell worth a reader thread.
     client.set_idle_watch(false);
     try {
-        client.connect(host, port, args.bind, 0);
+        client.connect(host, port, args.bind, kConnectTimeout);
         return dispatch(client, args, url);
     } catch (const std::exception& e) {
         std::cerr << "Error: " << e.what() << std::endl;

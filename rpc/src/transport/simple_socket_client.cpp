@@ -15,6 +15,7 @@
 
 #include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_client.h"
+#include "transport/link_liveness.h"
 #include "transport/read_turn.h"
 #include "transport/simple_socket.h"
 #include "transport/socket_reader.h"
@@ -193,6 +194,10 @@ void TransportSimpleSocketClient::connect(int timeout) {
         // One request and one answer at a time: never wait on Nagle.
         const int one = 1;
         setsockopt(info->m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // Only now: set before the connection is made, the kernel's own
+        // limit would race the budget above and end a silent attempt as
+        // "Failed to connect" instead of "Timeout occured".
+        simple_socket::watch_link_liveness(info->m_fd);
 
         // The answer is part of the attempt: a peer that accepts but never
         // answers is bounded by the same budget.

@@ -147,10 +147,6 @@ class MarkerFile {
     ~MarkerFile() { remove_sysupgrade_marker_if_ours(); }
 };
 
-void read_version(orvi::Protocol& protocol, std::string& version, std::string& magic) {
-    protocol.create_command_proxy<Version>()->execute(version, magic);
-}
-
 }  // namespace
 
 void remove_sysupgrade_marker_if_ours() {
@@ -194,10 +190,15 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
 
     std::string versionBefore, magicBefore;
     bool versionOk = false;
+    std::shared_ptr<Version> before;
     try {
-        read_version(protocol, versionBefore, magicBefore);
+        before = protocol.create_command_proxy<Version>();
+        before->execute(versionBefore, magicBefore);
         versionOk = true;
     } catch (...) {
+        // A board without the version service is upgraded all the same; one
+        // that is gone is not.
+        if (before && connection_lost(*before)) throw;
     }
     handler.on_status_update(SysupgradeHandler::UPGRADING);
 
@@ -246,10 +247,14 @@ void sysupgrade(orvi::Protocol& protocol, const std::string& fw, bool keep_confi
 
     std::string versionAfter, magicAfter;
     bool validated = false;
+    std::shared_ptr<Version> after;
     try {
-        read_version(protocol, versionAfter, magicAfter);
+        after = protocol.create_command_proxy<Version>();
+        after->execute(versionAfter, magicAfter);
         validated = true;
     } catch (const orvi::ProxyCommandException&) {
+        // Gone again before it could say what it runs: not a success.
+        if (connection_lost(*after)) throw;
     } catch (const orvi::ProxyCommandNoHandler&) {
         // A board that has no version service at all is not a failure either.
     }

@@ -62,9 +62,16 @@ class Sysupgrade : public CommandProxy<catalogue::kSysupgrade, protobuf::sysupgr
 };
 
 // Waits until the board reports the end of its boot (see boot_end.cpp).
-// Never throws.
+// A board that answers its questions with failures is not waited for: it
+// returns. Throws only when the connection is lost under it (what the
+// command that met the loss threw: orvi::ProxyCommandException "Connection
+// lost").
 void _wait_system_boot_end(orvi::Protocol& protocol, const SysupgradeHandler* handler,
                            int first_count);
+
+// Whether `proxy`'s command failed because the connection to the board is
+// gone, rather than by the board's own answer.
+bool connection_lost(orvi::Proxy& proxy);
 
 // The whole upgrade; throws orvi::ProxyCommandException on failure. Holds the
 // marker file with our pid from start to end, whatever the outcome. After the

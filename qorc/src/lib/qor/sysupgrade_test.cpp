@@ -6,6 +6,10 @@
 #include "fake_board.h"
 #include "qor/protobuf/system_boot_end.pb.h"
 
+// A connection that can really be lost: a raw peer on a socket.
+#include "loopback.h"
+#include "orvi/transport_simple_socket_client.h"
+
 namespace qor {
 namespace client {
 namespace {
@@ -55,6 +59,29 @@ TEST(BootEnd, FallsBackToTheBlockingCommandAndSwallowsItsFailure) {
     _wait_system_boot_end(s.protocol, &handler, 0);  // must not throw
     EXPECT_EQ(board.calls("wait_system_boot_end"), 1);
     EXPECT_TRUE(handler.retries.empty());
+}
+
+// A board that goes while it is asked cannot be waited for: the loss is
+// thrown, and no other command is tried on a connection that is gone.
+TEST(BootEnd, ALostConnectionIsThrownNotWaitedOut) {
+    support::RawListener listener;
+    std::thread board([&] {
+        support::RawConnection c(listener.accept_one());
+        c.read(2);
+        c.write(std::string(1, '\x01'));
+        c.read(1);  // the poll has begun; the board goes
+    });
+    orvi::Protocol protocol(1);
+    auto t = std::make_shared<orvi::TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+    t->connect(1);
+    protocol.add_transport(t);
+    try {
+        _wait_system_boot_end(protocol, nullptr, 0);
+        ADD_FAILURE() << "returned";
+    } catch (const orvi::ProxyCommandException& e) {
+        EXPECT_STREQ(e.what(), "Connection lost");
+    }
+    board.join();
 }
 
 }  // namespace

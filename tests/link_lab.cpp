@@ -1,0 +1,279 @@
+#include "link_lab.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+#include <stdexcept>
+
+namespace e2e {
+
+namespace {
+
+const char* const kIp = "/bin/ip";
+const char* const kTc = "/sbin/tc";
+const std::string kPrefix = "qlf";
+const unsigned short kBoardPort = 7000;  // qorc's default
+// The board's end of a connection as the kernel's socket table writes it.
+const char* const kBoardInTable = "010FA8C0:1B58";
+
+double seconds_between(Lab::Clock::time_point from, Lab::Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+// Runs `binary` with the blank-separated words of `line`; throws when it fails.
+void run_ok(const char* binary, const std::string& line) {
+    std::vector<std::string> args;
+    std::istringstream words(line);
+    for (std::string w; words >> w;) args.push_back(w);
+    const Result r = run_command(binary, args, 20000);
+    if (r.status != 0) throw std::runtime_error(std::string(binary) + " " + line + ": " + r.err);
+}
+
+// Runs `make` on a thread that has entered network namespace `ns`: the
+// sockets it makes stay there, whichever thread uses them later.
+int in_namespace(const std::string& ns, const std::function<int()>& make) {
+    int result = -1;
+    bool entered = false;
+    std::thread([&] {
+        const int fd = open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+        entered = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
+        if (entered) result = make();
+        if (fd >= 0) close(fd);
+    }).join();
+    if (!entered) throw std::runtime_error("cannot enter network namespace " + ns);
+    return result;
+}
+
+sockaddr_in board_address(unsigned short port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    inet_pton(AF_INET, Lab::kBoard, &a.sin_addr);
+    return a;
+}
+
+}  // namespace
+
+Lab::Lab(int index)
+    : m_host(kPrefix + std::to_string(getpid()) + "h" + std::to_string(index)),
+      m_board(kPrefix + std::to_string(getpid()) + "b" + std::to_string(index)) {}
+
+Lab::~Lab() {
+    m_stop = true;
+    m_qorc.reset();  // kills what still runs
+    m_sim.reset();
+    for (std::thread& t : m_threads) t.join();
+    for (int fd : m_kept) close(fd);
+    for (const std::string& ns : m_made) run_command(kIp, {"netns", "del", ns}, 20000);
+}
+
+void Lab::remove_stale() {
+    DIR* dir = opendir("/run/netns");
+    if (!dir) return;
+    while (dirent* e = readdir(dir)) {
+        const std::string name = e->d_name;
+        if (name.compare(0, kPrefix.size(), kPrefix) != 0) continue;
+        const pid_t pid = static_cast<pid_t>(atol(name.c_str() + kPrefix.size()));
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
+            run_command(kIp, {"netns", "del", name}, 20000);
+        }
+    }
+    closedir(dir);
+}
+
+void Lab::build() {
+    for (const std::string& ns : {m_host, m_board}) {
+        run_ok(kIp, "netns add " + ns);
+        m_made.push_back(ns);
+        run_ok(kIp, "-n " + ns + " link set lo up");
+    }
+    run_ok(kIp, "-n " + m_host + " link add up0 type veth peer name eth0 netns " + m_board);
+    run_ok(kIp, "-n " + m_host + " addr add 192.168.15.100/24 dev up0");
+    run_ok(kIp, "-n " + m_board + " addr add " + kBoard + "/24 dev eth0");
+    run_ok(kIp, "-n " + m_host + " link set up0 up");
+    run_ok(kIp, "-n " + m_board + " link set eth0 up");
+    // Left down: whatever is sent there is lost.
+    run_ok(kIp, "-n " + m_board + " link add sink type veth peer name sink1");
+    run_ok(kTc, "-n " + m_board + " qdisc add dev eth0 clsact");
+    // The drop must really drop before any case relies on it.
+    if (!board_answers()) throw std::runtime_error("the board is not reachable");
+    vanish();
+    if (board_answers()) throw std::runtime_error("the board still answers when it vanished");
+    revive();
+    if (!board_answers()) throw std::runtime_error("the board does not come back");
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_fault = Clock::time_point();
+}
+
+void Lab::vanish() {
+    drop("ingress");
+    drop("egress");
+}
+
+void Lab::drop_inbound() {
+    drop("ingress");
+}
+
+void Lab::revive() {
+    for (const char* way : {"ingress", "egress"}) {
+        run_ok(kTc, "-n " + m_board + " filter del dev eth0 " + way);
+    }
+}
+
+void Lab::pull_cable() {
+    mark_fault();
+    run_ok(kIp, "-n " + m_host + " link set up0 down");
+}
+
+void Lab::mark_fault() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_fault == Clock::time_point()) m_fault = Clock::now();
+}
+
+void Lab::drop(const char* way) {
+    mark_fault();
+    run_ok(kTc, "-n " + m_board + " filter add dev eth0 " + way +
+                    " protocol all u32 match u32 0 0 action mirred egress redirect dev sink");
+}
+
+// A connection to a port where nothing listens is refused by a board that
+// is there, and goes unanswered when it vanished.
+bool Lab::board_answers() {
+    return in_namespace(m_host, [] {
+               const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+               const sockaddr_in a = board_address(9);
+               ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a);
+               pollfd p{fd, POLLOUT, 0};
+               const int r = poll(&p, 1, 1000);
+               close(fd);
+               return r;
+           }) == 1;
+}
+
+int Lab::listen() {
+    const int fd = in_namespace(m_board, [] {
+        const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in a = board_address(kBoardPort);
+        if (bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || ::listen(s, 8) != 0) {
+            close(s);
+            return -1;
+        }
+        return s;
+    });
+    if (fd < 0) fail("cannot listen on the board");
+    return fd;
+}
+
+int Lab::accept(int listener) {
+    while (!m_stop) {
+        pollfd p{listener, POLLIN, 0};
+        if (poll(&p, 1, 50) == 1) return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    }
+    return -1;
+}
+
+void Lab::board(std::function<void()> body) {
+    m_threads.emplace_back([this, body] {
+        try {
+            body();
+        } catch (const std::runtime_error&) {
+            // A board that died, or a peer that hung up.
+        } catch (const std::exception& e) {
+            note(e.what());
+        }
+    });
+}
+
+void Lab::serve(HostileBoard::Script script) {
+    const int listener = listen();
+    board([this, script, listener] {
+        for (int i = 0;; ++i) {
+            const int fd = accept(listener);
+            if (fd < 0) break;
+            BoardConnection c(fd);
+            try {
+                script(c, i);
+            } catch (const std::runtime_error&) {
+            }
+        }
+        close(listener);
+    });
+}
+
+void Lab::start_sim(std::vector<std::string> args) {
+    args.insert(args.begin(), {"netns", "exec", m_board, qord_sim_binary(), "--listen",
+                               std::string(kBoard) + ":" + std::to_string(kBoardPort)});
+    m_sim = std::make_unique<support::ServerProcess>(kIp, args);
+}
+
+std::string Lab::sim_out() const {
+    return m_sim->out();
+}
+
+void Lab::start_qorc(const std::vector<std::string>& args) {
+    std::vector<std::string> all = {"netns", "exec", m_host, qorc_binary(), "--url", kBoard};
+    all.insert(all.end(), args.begin(), args.end());
+    m_started = Clock::now();
+    m_qorc = std::make_unique<Process>(kIp, all, m_dir.file("out"), m_dir.file("err"));
+}
+
+long Lab::unacked() {
+    const Result r = run_command(kIp, {"netns", "exec", m_host, "cat", "/proc/net/tcp"});
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream f(line);
+        std::string slot, local, remote, state, queues;
+        if (!(f >> slot >> local >> remote >> state >> queues)) continue;
+        if (remote != kBoardInTable || state != "01") continue;  // 01: established
+        return std::stol(queues.substr(0, queues.find(':')), nullptr, 16);
+    }
+    return -1;
+}
+
+bool Lab::eventually(const std::function<bool()>& done, int timeoutMs) {
+    for (const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs); Clock::now() < end;
+         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        if (done()) return true;
+    }
+    return done();
+}
+
+void Lab::fail(const std::string& why) {
+    note(why);
+    throw std::runtime_error(why);
+}
+
+void Lab::note(const std::string& why) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_trouble.empty()) m_trouble = why;
+}
+
+LabOutcome Lab::finish() {
+    LabOutcome o;
+    if (m_qorc) {
+        o.run.status = m_qorc->wait(120000);
+        const auto end = Clock::now();
+        o.took = seconds_between(m_started, end);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_fault != Clock::time_point()) o.from_fault = seconds_between(m_fault, end);
+    }
+    o.run.out = qorc_out();
+    o.run.err = read_file(m_dir.file("err"));
+    m_stop = true;
+    for (std::thread& t : m_threads) t.join();
+    m_threads.clear();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    o.trouble = m_trouble;
+    return o;
+}
+
+}  // namespace e2e
