@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <future>
+#include <regex>
 
 #include "harness.h"
 #include "testing/private_tmp.h"
@@ -66,105 +67,72 @@ struct Case {
     int status;
     std::string out;  // after the connection line; '*' is any text
     std::string err;
-    std::string sim_says = "";  // in the simulator's output
-    off_t grow_to = 0;          // the image made sparse to this size
+    std::vector<std::string> from = {};  // sources of the connections, when it matters
+    std::string sim_says = "";           // in the simulator's output
+    off_t grow_to = 0;                   // the image made sparse to this size
 };
 
 const std::string kImage = "{dir}/fw.zpk";
 const std::string kBack = "Rebooting...Reboot done\n";
 
 std::vector<Case> cases() {
+    const std::string flashed = "\r100 % " + kFlashing + kBack;
+    const std::string failed = "Upgrading...\nUpgrade failed\n";
+    // clang-format off
     std::vector<Case> all = {
-        {"refused before the last chunk",
-         {"--refuse-chunk", "2"},
-         image(3 * 4096),
-         {kImage},
-         1,
-         receiving(3 * 4096) + "\r33 % \r66 % \nUpgrade failed\n",
-         "Error: image refused at chunk 2\n"},
-        {"a drop after the last chunk is taken as the reboot",
-         {"--drop-after-last-chunk"},
-         image(4097, "5.0"),
-         {kImage},
-         0,
-         receiving(4097) + "\r99 % \r100 % Skipped error as everything has been sent: " +
-             "Connection lost\n" + kBack + "Upgraded to 5.0\n" + kSuccess,
+        {"refused before the last chunk", {"--refuse-chunk", "2"}, image(3 * 4096), {kImage}, 1,
+         receiving(3 * 4096) + "\r33 % \r66 % \nUpgrade failed\n", "Error: image refused at chunk 2\n"},
+        {"a drop after the last chunk is taken as the reboot", {"--drop-after-last-chunk"},
+         image(4097, "5.0"), {kImage}, 0, receiving(4097) + "\r99 % \r100 % Skipped error as "
+         "everything has been sent: Connection lost\n" + kBack + "Upgraded to 5.0\n" + kSuccess,
          "Worker got exception: Failed to read data from server: Success\n"},
-        {"a board that never comes back",
-         {"--never-return"},
-         image(10),
-         {kImage, "-t", "3"},
-         1,
+        {"a board that never comes back", {"--never-return"}, image(10), {kImage, "-t", "3"}, 1,
          receiving(10) + "\r100 % " + kFlashing + "Rebooting.....\nReboot failed\n",
          "Error: board failed to reboot\n"},
-        {"a board without the version service",
-         {"--no-version"},
-         image(1),
-         {kImage},
-         0,
-         receiving(1) + "\r100 % " + kFlashing + kBack +
-             "Warning: system upgrade validation failed, firmwares do not support version "
-             "service\n" +
-             kSuccess,
-         ""},
-        {"a board with only the blocking boot-end wait",
-         {"--only-wait-boot-end", "--boot-time-ms", "6500"},
-         image(100, "7.1"),
-         {kImage},
-         0,
-         receiving(100) + "\r100 % " + kFlashing + kBack + "Upgraded to 7.1\n" + kSuccess,
-         "",
-         "there is no command handler for \"com.korvane.command.system_boot_end\""},
-        {"reboot to another address, dots while it boots",
-         {"--reboot-listen", "127.0.0.2", "--boot-time-ms", "6500"},
-         image(4096),
-         {kImage, "--reboot-url", "127.0.0.2:{port}"},
-         0,
-         receiving(4096) + "\r100 % " + kFlashing + "Rebooting....*\nReboot done\n" +
-             "Upgraded to image-*\n" + kSuccess,
-         "",
-         "back on 127.0.0.2:{port}"},
+        {"a board without the version service", {"--no-version"}, image(1), {kImage}, 0,
+         receiving(1) + flashed + "Warning: system upgrade validation failed, firmwares do not "
+         "support version service\n" + kSuccess, ""},
+        {"a board with only the blocking boot-end wait", {"--only-wait-boot-end", "--boot-time-ms",
+         "6500"}, image(100, "7.1"), {kImage}, 0, receiving(100) + flashed + "Upgraded to 7.1\n" +
+         kSuccess, "", {}, "there is no command handler for \"com.korvane.command.system_boot_end\""},
+        {"reboot to another address, dots while it boots", {"--reboot-listen", "127.0.0.2",
+         "--boot-time-ms", "6500"}, image(4096), {kImage, "--reboot-url", "127.0.0.2:{port}"}, 0,
+         receiving(4096) + "\r100 % " + kFlashing + "Rebooting....*\nReboot done\nUpgraded to "
+         "image-*\n" + kSuccess, "", {}, "back on 127.0.0.2:{port}"},
         // Images that cannot be used fail before anything is sent.
-        {"empty image",
-         {},
-         "",
-         {kImage},
-         1,
-         "Upgrading...\nUpgrade failed\n",
-         "Error: Error, file is empty!\n"},
-        {"missing image",
-         {},
-         "",
-         {"{dir}/missing.zpk"},
-         1,
-         "Upgrading...\nUpgrade failed\n",
-         "Error: Failed to open file\n"},
-        {"a folder as the image",
-         {},
-         "",
-         {"{dir}"},
-         1,
-         "Upgrading...\nUpgrade failed\n",
-         "Error: Failed to open file\n"},
-        {"a reboot address that no transport serves",
-         {},
-         "x",
-         {kImage, "--reboot-url", "udp://127.0.0.1:1"},
-         1,
-         "",
-         "Error: Unsupported reboot url udp://127.0.0.1:1\n"},
+        {"empty image", {}, "", {kImage}, 1, failed, "Error: Error, file is empty!\n"},
+        {"missing image", {}, "", {"{dir}/missing.zpk"}, 1, failed, "Error: Failed to open file\n"},
+        {"a folder as the image", {}, "", {"{dir}"}, 1, failed, "Error: Failed to open file\n"},
+        {"a reboot address that no transport serves", {}, "x", {kImage, "--reboot-url",
+         "udp://127.0.0.1:1"}, 1, "", "Error: Unsupported reboot url udp://127.0.0.1:1\n"},
         // Larger than its 32-bit size field can say; a 32-bit off_t would
         // wrap this size round to 1 byte.
-        {"an image over 4 GiB",
-         {},
-         "x",
-         {kImage},
-         1,
-         "*",
-         "Error: Error, file is larger than 4 GiB!\n",
-         "",
-         static_cast<off_t>(4LL << 30) + 1},
+        {"an image over 4 GiB", {}, "x", {kImage}, 1, "*",
+         "Error: Error, file is larger than 4 GiB!\n", {}, "", static_cast<off_t>(4LL << 30) + 1},
     };
+    // The reconnection after the reboot binds as the session did, unless the
+    // reboot address names its own binding, which survives the normalisation.
+    const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> binds = {
+        {{}, {"127.0.0.1", "127.0.0.1"}},
+        {{"--bind", "127.0.0.5"}, {"127.0.0.5", "127.0.0.5"}},
+        {{"--bind", "lo"}, {"127.0.0.1", "127.0.0.1"}},
+        {{"--bind", "127.0.0.5", "--reboot-url", "127.0.0.1:{port}?bind=127.0.0.6"}, {"127.0.0.5", "127.0.0.6"}},
+        {{"--reboot-url", "tcp://127.0.0.1:{port}?bind=127.0.0.7"}, {"127.0.0.1", "127.0.0.7"}},
+        {{"--bind", "127.0.0.8", "--reboot-url", "tcp://127.0.0.1:{port}"}, {"127.0.0.8", "127.0.0.8"}},
+    };
+    // clang-format on
+    for (const auto& [options, from] : binds) {
+        std::vector<std::string> args = {kImage};
+        args.insert(args.end(), options.begin(), options.end());
+        all.push_back({"bound as case " + std::to_string(all.size()),
+                       {},
+                       "QORFW b\n",
+                       args,
+                       0,
+                       "*",
+                       "",
+                       from});
+    }
     // The percentages around chunk boundaries.
     for (size_t size : {1, 4095, 4096, 4097, 8191, 8192, 8193, 409600 + 1}) {
         all.push_back({"image of " + std::to_string(size) + " bytes",
@@ -209,9 +177,15 @@ std::string upgrade(const Case& c) {
     if (said.find(fill(c.sim_says, dir.path(), sim.port())) == std::string::npos) {
         failures += "\nthe simulator did not say " + c.sim_says + ": " + said;
     }
-    const bool sent = c.out.find("Receiving image") != std::string::npos;
+    const bool sent = c.status == 0 || c.out.find("Receiving image") != std::string::npos;
     if (!sent && said.find("qord-sim upgrade") != std::string::npos) failures += "\nsent: " + said;
     if (c.status == 0 && read_file(received) != c.image) failures += "\nthe image differs";
+    static const std::regex connection("qord-sim connection from ([0-9.]+):");
+    std::vector<std::string> from;
+    for (std::sregex_iterator it(said.begin(), said.end(), connection), end; it != end; ++it) {
+        from.push_back((*it)[1]);
+    }
+    if (!c.from.empty() && from != c.from) failures += "\nconnections from " + from.at(0) + "...";
     return failures;
 }
 
