@@ -1,31 +1,21 @@
 #include "board_state.h"
+#include "files.h"
 
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace qord_sim {
 namespace {
 
+// A state file in a scratch folder of its own, which goes with it.
 struct StateFile {
-    std::string path;
-    StateFile() {
-        char tmpl[] = "/tmp/qord-state-XXXXXX";
-        const int fd = mkstemp(tmpl);
-        close(fd);
-        path = tmpl;
-        unlink(tmpl);
-    }
-    ~StateFile() { unlink(path.c_str()); }
-    void write(const std::string& text) { std::ofstream(path) << text; }
-    nlohmann::json read() const {
-        std::ifstream in(path);
-        return nlohmann::json::parse(in);
-    }
+    support::TempDir dir;
+    std::string path = dir.file("state.json");
+    void write(const std::string& text) { dir.write("state.json", text); }
+    nlohmann::json read() const { return nlohmann::json::parse(support::read_file(path)); }
 };
 
 std::string load_error(const StateFile& file) {
@@ -139,14 +129,11 @@ TEST(BoardState, SavingIsCompactAndNeverFollowsALink) {
         ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);  // planted again, later
         state.set_fff(false);
     }
-    std::ifstream in(victim);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "keep");
+    EXPECT_EQ(support::read_file(victim), "keep");
     EXPECT_NE(access(tmp.c_str(), F_OK), 0);
-    std::ifstream saved(file.path);
-    const std::string text(std::istreambuf_iterator<char>(saved), {});
+    const std::string text = support::read_file(file.path);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     EXPECT_EQ(text.find(": "), std::string::npos) << text;
-    unlink(victim.c_str());
 }
 
 TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
@@ -159,8 +146,6 @@ TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
     EXPECT_NE(access(dead.c_str(), F_OK), 0);
     EXPECT_EQ(access(alive.c_str(), F_OK), 0);
     EXPECT_EQ(access(other.c_str(), F_OK), 0);
-    unlink(alive.c_str());
-    unlink(other.c_str());
 }
 
 TEST(BoardState, UnwritableStateRefusesTheChange) {
