@@ -107,13 +107,16 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     TempDir dir;
     for (int i = 1; i <= Topology::kBoards; ++i) net.start_board(i, dir);
 
+    // Each board answers with its own PSI.
+    auto each_answers = [&](std::string (*bind)(int)) {
+        for (int i = 1; i <= Topology::kBoards; ++i) {
+            EXPECT_RUN(net.qorc(bind(i), {"psi_get"}), 0, hello(kBoard + ":7000") + psi_line(i), "")
+                << bind(i);
+        }
+    };
     // Distinct host addresses with source routing: --bind ADDRESS.
     ASSERT_TRUE(net.sh(kDistinctAddresses, &why)) << why;
-    for (int i = 1; i <= Topology::kBoards; ++i) {
-        const Result r = net.qorc(Topology::host_address(i), {"psi_get"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find(psi_line(i)), std::string::npos) << "board " << i << ": " << r.out;
-    }
+    each_answers(Topology::host_address);
     const std::string image2 = dir.write("fw2.img", "QORFW alone-2\nimage of board 2");
     const size_t others = count_of(net.board_out(1) + net.board_out(3), "connection from");
     const std::string fromHost = "connection from " + Topology::host_address(2) + ":";
@@ -128,16 +131,11 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
 
     // The same host address on every link: --bind INTERFACE.
     ASSERT_TRUE(net.sh(kOneAddress, &why)) << why;
-    for (int i = 1; i <= Topology::kBoards; ++i) {
-        const Result r = net.qorc(Topology::link(i), {"psi_get"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find(psi_line(i)), std::string::npos) << "board " << i << ": " << r.out;
-    }
+    each_answers(Topology::link);
     std::vector<std::future<Result>> upgrades;
     for (int i = 1; i <= Topology::kBoards; ++i) {
-        const std::string image = dir.write(
-            "fw" + std::to_string(i) + "b.img",
-            "QORFW together-" + std::to_string(i) + "\nimage of board " + std::to_string(i));
+        const std::string n = std::to_string(i);
+        const std::string image = dir.write("fw" + n + ".img", "QORFW together-" + n + "\nimage");
         upgrades.push_back(std::async(std::launch::async, [&net, i, image] {
             return net.qorc(Topology::link(i), {"sysupgrade", image});
         }));
