@@ -61,7 +61,6 @@ class Sim {
     ~Sim();
     unsigned short port() const { return m_server.port(); }
     std::string address() const;  // host:port, for --url
-    std::vector<std::string> url() const { return {"--url", address()}; }
     Result run(const std::vector<std::string>& args, int timeoutMs = 60000) const {
         return run_at(address(), args, timeoutMs);
     }
