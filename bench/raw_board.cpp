@@ -31,14 +31,13 @@ class Connection {
 
     void serve() {
         char hello[2];
-        const char accepted = 1;
-        if (!m_reader.read_exact(hello, 2) || write(m_fd, &accepted, 1) != 1) return;
+        if (!m_reader.read_exact(hello, 2) || write(m_fd, &wire::kAccepted, 1) != 1) return;
         std::vector<std::string> parts;
         while (m_reader.next(parts)) {
-            raw::Header h;
-            if (parts.empty() || !raw::decode_header(parts[0], h)) return;
+            wire::Header h;
+            if (parts.empty() || !wire::decode(parts[0], h)) return;
             const std::string body = parts.size() > 2 ? parts[2] : std::string();
-            if (!h.name.empty()) {
+            if (h.name) {
                 if (!open(h, body)) return;
             } else if (m_upgrading && h.dest == m_upgradeId) {
                 if (!chunk(body)) return;
@@ -48,11 +47,11 @@ class Connection {
 
   private:
     bool reply(uint32_t dest, uint32_t source, uint32_t status, const std::string& body) {
-        raw::Header h;
+        wire::Header h;
         h.source = source;
         h.dest = dest;
-        const std::string header = raw::encode_header(h);
-        const std::string state = raw::encode_status(status);
+        const std::string header = wire::encode(h);
+        const std::string state = wire::command_header(status);
         // An empty answer is no part at all, as a board ends an upgrade.
         if (body.empty())
             return raw::write_frame(m_fd, {raw::piece(header), raw::piece(state)}, g_split);
@@ -60,44 +59,41 @@ class Connection {
                                 g_split);
     }
 
-    bool open(const raw::Header& h, const std::string& body) {
+    bool open(const wire::Header& h, const std::string& body) {
         const uint32_t id = ++m_lastId;
-        const std::string name = h.name.compare(0, raw::kPrefix.size(), raw::kPrefix) == 0
-                                     ? h.name.substr(raw::kPrefix.size())
-                                     : h.name;
-        if (name == "version") {
-            std::string answer;
-            raw::put_bytes_field(answer, 1, "raw-board-1");
-            raw::put_bytes_field(answer, 2, "QOR");
-            return reply(h.source, id, raw::kDone, answer);
+        const uint32_t from = h.source.value_or(0);
+        const std::string& name = *h.name;
+        const bool ours = name.compare(0, wire::kPrefix.size(), wire::kPrefix) == 0;
+        const std::string command = ours ? name.substr(wire::kPrefix.size()) : name;
+        if (command == "version") {
+            return reply(from, id, wire::kDone,
+                         wire::bytes_field(1, "raw-board-1") + wire::bytes_field(2, "QOR"));
         }
-        if (name == "fw_config_mode") {
-            std::string answer;
-            raw::put_varint_field(answer, 1, 1);  // is_fff
-            return reply(h.source, id, raw::kDone, answer);
+        if (command == "fw_config_mode") {
+            return reply(from, id, wire::kDone, wire::uint_field(1, 1));  // is_fff
         }
-        if (name == "echo") return reply(h.source, id, raw::kDone, body);
-        if (name == "sysupgrade") {
-            uint64_t size = 0;
-            if (!raw::find_varint(body, 2, size) || size == 0) return false;
+        if (command == "echo") return reply(from, id, wire::kDone, body);
+        wire::Fields request;
+        if (command == "sysupgrade") {
+            if (!wire::parse(body, request) || request.number(2).value_or(0) == 0) return false;
             m_upgrading = true;
             m_upgradeId = id;
-            m_client = h.source;
-            m_size = size;
+            m_client = from;
+            m_size = *request.number(2);
             m_received = 0;
-            return reply(m_client, id, raw::kData, m_next);
+            return reply(m_client, id, wire::kData, m_next);
         }
-        raw::Header refusal;
-        refusal.type = raw::kNoHandler;
-        refusal.dest = h.source;
-        const std::string header = raw::encode_header(refusal);
+        wire::Header refusal;
+        refusal.type = wire::kNoHandler;
+        refusal.dest = from;
+        const std::string header = wire::encode(refusal);
         return raw::write_frame(m_fd, {raw::piece(header)}, g_split);
     }
 
     bool chunk(const std::string& data) {
         if (m_received == 0) m_first = std::chrono::steady_clock::now();
         m_received += data.size();
-        if (m_received < m_size) return reply(m_client, m_upgradeId, raw::kData, m_next);
+        if (m_received < m_size) return reply(m_client, m_upgradeId, wire::kData, m_next);
         const long long micros = std::chrono::duration_cast<std::chrono::microseconds>(
                                      std::chrono::steady_clock::now() - m_first)
                                      .count();
@@ -105,7 +101,7 @@ class Connection {
                     static_cast<unsigned long long>(m_received), micros);
         std::fflush(stdout);
         m_upgrading = false;
-        return reply(m_client, m_upgradeId, raw::kDone, std::string());
+        return reply(m_client, m_upgradeId, wire::kDone, std::string());
     }
 
     int m_fd;

@@ -27,39 +27,41 @@ class Session {
   public:
     explicit Session(int fd) : m_fd(fd), m_reader(fd) {}
 
-    bool open(const char* name, const std::string& body, uint32_t status = raw::kData) {
-        raw::Header h;
+    bool open(const char* name, const std::string& body, uint32_t status = wire::kData) {
+        wire::Header h;
         h.source = ++m_lastId;
-        h.name = raw::kPrefix + name;
+        h.name = wire::kPrefix + name;
         return send(h, status, body.data(), body.size());
     }
     bool send_to(uint32_t dest, const char* data, size_t size) {
-        raw::Header h;
+        wire::Header h;
         h.source = m_lastId;
         h.dest = dest;
-        return send(h, raw::kData, data, size);
+        return send(h, wire::kData, data, size);
     }
     // The next message: the board's proxy id, its status and its body.
     bool receive(uint32_t& from, uint32_t& status, std::string& body) {
-        raw::Header h;
-        if (!m_reader.next(m_parts) || m_parts.size() < 2 || !raw::decode_header(m_parts[0], h) ||
-            h.type != raw::kCommand || !raw::decode_status(m_parts[1], status)) {
+        wire::Header h;
+        wire::Fields state;
+        if (!m_reader.next(m_parts) || m_parts.size() < 2 || !wire::decode(m_parts[0], h) ||
+            h.type != wire::kCommand || !wire::parse(m_parts[1], state) || !state.number(1)) {
             return false;
         }
-        from = h.source;
+        status = static_cast<uint32_t>(*state.number(1));
+        from = h.source.value_or(0);
         body = m_parts.size() > 2 ? m_parts[2] : std::string();
         return true;
     }
     // One whole command whose answer rides on DONE.
     bool call(const char* name, std::string& answer) {
         uint32_t from = 0, status = 0;
-        return open(name, std::string()) && receive(from, status, answer) && status == raw::kDone;
+        return open(name, std::string()) && receive(from, status, answer) && status == wire::kDone;
     }
 
   private:
-    bool send(const raw::Header& h, uint32_t status, const char* data, size_t size) {
-        const std::string header = raw::encode_header(h);
-        const std::string state = raw::encode_status(status);
+    bool send(const wire::Header& h, uint32_t status, const char* data, size_t size) {
+        const std::string header = wire::encode(h);
+        const std::string state = wire::command_header(status);
         return raw::write_frame(
             m_fd, {raw::piece(header), raw::piece(state), iovec{const_cast<char*>(data), size}});
     }
@@ -79,9 +81,11 @@ int connect_board(unsigned short port) {
     if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return -1;
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    const char hello[2] = {1, 1};
     char accepted = 0;
-    if (write(fd, hello, 2) != 2 || read(fd, &accepted, 1) != 1 || accepted != 1) return -1;
+    if (write(fd, wire::kHello.data(), 2) != 2 || read(fd, &accepted, 1) != 1 ||
+        accepted != wire::kAccepted) {
+        return -1;
+    }
     return fd;
 }
 
@@ -90,9 +94,8 @@ int upgrade(Session& s, const char* path) {
     if (file < 0) return 1;
     const off_t size = lseek(file, 0, SEEK_END);
     lseek(file, 0, SEEK_SET);
-    std::string request;
-    raw::put_varint_field(request, 1, 0);  // keep_config
-    raw::put_varint_field(request, 2, static_cast<uint64_t>(size));
+    // keep_config, fw_size
+    const std::string request = wire::uint_field(1, 0) + wire::uint_field(2, uint64_t(size));
     if (!s.open("sysupgrade", request)) return 1;
     // The image is read 64 KiB at a time and sent 4096 bytes per NEXT.
     std::string block(64 << 10, '\0');
@@ -100,7 +103,7 @@ int upgrade(Session& s, const char* path) {
     uint32_t board = 0, status = 0;
     std::string answer;
     while (s.receive(board, status, answer)) {
-        if (status == raw::kDone) return 0;
+        if (status == wire::kDone) return 0;
         if (answer != std::string("\x08\x00", 2)) continue;  // not a NEXT
         if (at == have) {
             const ssize_t n = read(file, &block[0], block.size());

@@ -1,44 +1,16 @@
-// The protocol as the reference peers of the benchmarks speak it, written by
-// hand from its description and sharing no code with orvi: the 2-byte
-// handshake, frames (count, then big-endian length and bytes per part, in
-// wire order), and the envelope messages orvi.Header and orvi.CommandHeader
-// in protobuf's wire encoding. Just enough to be the fastest peer the
-// protocol allows, with one system call per message each way.
+// The socket side of the benchmarks' reference peers, over the hand-written
+// codec (wire.h): just enough to be the fastest peer the protocol allows,
+// with one system call per message each way.
 #pragma once
 
 #include <sys/uio.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "wire.h"
+
 namespace raw {
-
-constexpr uint32_t kCommand = 0;    // Header.message_type
-constexpr uint32_t kNoHandler = 1;  // Header.message_type
-constexpr uint32_t kData = 0;       // CommandHeader.status
-constexpr uint32_t kDone = 1;       // CommandHeader.status
-
-const std::string kPrefix = "com.korvane.command.";
-
-struct Header {
-    uint32_t type = kCommand;
-    uint32_t source = 0;
-    uint32_t dest = 0;
-    std::string name;  // set on a command's first message only
-};
-
-void put_varint(std::string& out, uint64_t v);
-// Field `field` of a protobuf message as a varint or as bytes.
-void put_varint_field(std::string& out, uint32_t field, uint64_t v);
-void put_bytes_field(std::string& out, uint32_t field, const std::string& bytes);
-
-std::string encode_header(const Header& h);
-std::string encode_status(uint32_t status);
-bool decode_header(const std::string& bytes, Header& h);
-bool decode_status(const std::string& bytes, uint32_t& status);
-// The varint field `field` of a message; false when it is absent.
-bool find_varint(const std::string& bytes, uint32_t field, uint64_t& value);
 
 // Reads frames from a socket through a 64 KiB buffer: a frame's parts, in
 // wire order (the Header first). False when the peer closes or on error.

@@ -1,77 +1,22 @@
 #include "board_state.h"
+#include "files.h"
 
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace qord_sim {
 namespace {
 
+// A state file in a scratch folder of its own, which goes with it.
 struct StateFile {
-    std::string path;
-    StateFile() {
-        char tmpl[] = "/tmp/qord-state-XXXXXX";
-        const int fd = mkstemp(tmpl);
-        close(fd);
-        path = tmpl;
-        unlink(tmpl);
-    }
-    ~StateFile() { unlink(path.c_str()); }
-    void write(const std::string& text) { std::ofstream(path) << text; }
-    nlohmann::json read() const {
-        std::ifstream in(path);
-        return nlohmann::json::parse(in);
-    }
+    support::TempDir dir;
+    std::string path = dir.file("state.json");
+    void write(const std::string& text) { dir.write("state.json", text); }
+    nlohmann::json read() const { return nlohmann::json::parse(support::read_file(path)); }
 };
-
-TEST(BoardState, PsiAmendIsAMergePatchAndPersists) {
-    StateFile file;
-    BoardState state(file.path);
-    state.amend_psi(0, R"({"roaming": true, "band": {"lte": null, "nr": [78]}, "apn": null})");
-    EXPECT_EQ(*state.psi(0), R"({"band":{"nr":[78]},"roaming":true})");
-    EXPECT_EQ(file.read()["devices"][0]["psi"].dump(), R"({"band":{"nr":[78]},"roaming":true})");
-
-    // Refused text changes nothing, in memory or on disk.
-    EXPECT_THROW(state.amend_psi(0, "{\"roaming\": "), std::runtime_error);
-    EXPECT_THROW(state.amend_psi(0, ""), std::runtime_error);
-    EXPECT_THROW(state.amend_psi(9, "{}"), std::runtime_error);
-    EXPECT_EQ(*state.psi(0), R"({"band":{"nr":[78]},"roaming":true})");
-    EXPECT_FALSE(state.psi(9).has_value());
-
-    BoardState reloaded(file.path);
-    EXPECT_EQ(*reloaded.psi(0), R"({"band":{"nr":[78]},"roaming":true})");
-}
-
-TEST(BoardState, PasscodesGuardTheirChanges) {
-    StateFile file;
-    file.write(R"({"devices": [{"id": 3, "mac": "m", "imei": "1", "factory_imei": "2",
-                   "imei_reset_passcode": "a b", "talvex_passcode": "t"}]})");
-    BoardState state(file.path);
-    EXPECT_FALSE(state.has_device(0));
-    EXPECT_THROW(state.reset_imei(3, "a  b"), std::runtime_error);
-    EXPECT_THROW(state.activate_talvex(3, "T"), std::runtime_error);
-    EXPECT_EQ(state.identities(3)->imei, "1");
-    state.reset_imei(3, "a b");
-    state.activate_talvex(3, "t");
-    EXPECT_EQ(state.identities(3)->imei, "2");
-    const auto saved = file.read()["devices"][0];
-    EXPECT_EQ(saved["imei"], "2");
-    EXPECT_EQ(saved["talvex_active"], true);
-}
-
-TEST(BoardState, FirmwareIdentityAndSource) {
-    BoardState state("");  // nothing written anywhere
-    EXPECT_TRUE(state.is_fff());
-    state.set_fff(false);
-    EXPECT_FALSE(state.is_fff());
-    state.install_firmware("2.0", "abcd");
-    EXPECT_EQ(state.version(), "2.0");
-    EXPECT_EQ(state.magic(), "abcd");
-}
 
 std::string load_error(const StateFile& file) {
     try {
@@ -184,14 +129,11 @@ TEST(BoardState, SavingIsCompactAndNeverFollowsALink) {
         ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);  // planted again, later
         state.set_fff(false);
     }
-    std::ifstream in(victim);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "keep");
+    EXPECT_EQ(support::read_file(victim), "keep");
     EXPECT_NE(access(tmp.c_str(), F_OK), 0);
-    std::ifstream saved(file.path);
-    const std::string text(std::istreambuf_iterator<char>(saved), {});
+    const std::string text = support::read_file(file.path);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     EXPECT_EQ(text.find(": "), std::string::npos) << text;
-    unlink(victim.c_str());
 }
 
 TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
@@ -204,8 +146,6 @@ TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
     EXPECT_NE(access(dead.c_str(), F_OK), 0);
     EXPECT_EQ(access(alive.c_str(), F_OK), 0);
     EXPECT_EQ(access(other.c_str(), F_OK), 0);
-    unlink(alive.c_str());
-    unlink(other.c_str());
 }
 
 TEST(BoardState, UnwritableStateRefusesTheChange) {

@@ -9,21 +9,10 @@
 namespace e2e {
 namespace {
 
-constexpr int kRuns = 40;
-
-// An answer that takes a while to parse: a field qorc does not know, 4 MiB
-// long, behind is_fff. A waiter released before the body is processed reads
-// the default (FFH) instead.
-std::string slow_fff_answer() {
-    return fw_config_mode_answer(true) + pb_bytes(15, std::string(4 << 20, 'x'));
-}
-
-std::string hello(const HostileBoard& b) {
-    return "Try to connect to " + b.address() + "\n";
-}
+using Answer = std::function<void(BoardConnection&, const wire::Message&)>;
 
 // One command per connection, answered by `answer`, then the board hangs up.
-HostileBoard one_shot(std::function<void(BoardConnection&, const Request&)> answer) {
+HostileBoard one_shot(Answer answer) {
     return HostileBoard([answer](BoardConnection& c, int) {
         c.handshake();
         answer(c, c.next());
@@ -31,43 +20,45 @@ HostileBoard one_shot(std::function<void(BoardConnection&, const Request&)> answ
     });
 }
 
-TEST(BoardRaces, AnswerThenHangUp) {
-    HostileBoard board = one_shot([](BoardConnection& c, const Request& r) {
-        if (r.is("fw_config_mode")) c.answer(r, kData, {fw_config_mode_answer(true)});
-        c.answer(r, kDone);
-    });
-    for (int i = 0; i < kRuns; ++i) {
-        const Result r = run_qorc({"--url", board.address(), "fw_config_mode"});
-        ASSERT_EQ(r.status, 0) << "run " << i << ": " << r.err;
-        ASSERT_EQ(r.out, hello(board) + "FW configuration mode: FFF\n") << "run " << i;
-    }
-    for (int i = 0; i < kRuns; ++i) {
-        const Result r = run_qorc({"--url", board.address(), "fallback_ffh"});
-        ASSERT_EQ(r.status, 0) << "run " << i << ": " << r.err;
-        ASSERT_EQ(r.out,
-                  hello(board) + "Fallback to FFH...\rFallback to FFH completed, rebooting\n");
-    }
-}
+const std::string kFff = wire::uint_field(1, 1);  // fw_config_mode's is_fff
+// A body that takes a while to parse: a field qorc does not know, 4 MiB
+// long, behind is_fff. A waiter released before the body is processed reads
+// the default (FFH) instead.
+const std::string kSlowFff = kFff + wire::bytes_field(15, std::string(4 << 20, 'x'));
 
-TEST(BoardRaces, AnswerInsideTheDone) {
-    HostileBoard board = one_shot([](BoardConnection& c, const Request& r) {
-        c.answer(r, kDone, {slow_fff_answer()});
-        c.wait_closed();
-    });
-    for (int i = 0; i < kRuns; ++i) {
-        const Result r = run_qorc({"--url", board.address(), "fw_config_mode"});
-        ASSERT_EQ(r.status, 0) << "run " << i << ": " << r.err;
-        ASSERT_EQ(r.out, hello(board) + "FW configuration mode: FFF\n") << "run " << i;
-    }
-}
-
-TEST(BoardRaces, AnswerInsideTheDoneThenHangUp) {
-    HostileBoard board = one_shot(
-        [](BoardConnection& c, const Request& r) { c.answer(r, kDone, {slow_fff_answer()}); });
-    for (int i = 0; i < kRuns; ++i) {
-        const Result r = run_qorc({"--url", board.address(), "fw_config_mode"});
-        ASSERT_EQ(r.status, 0) << "run " << i << ": " << r.err;
-        ASSERT_EQ(r.out, hello(board) + "FW configuration mode: FFF\n") << "run " << i;
+TEST(BoardRaces, CompleteAnswersAreNeverLost) {
+    const struct {
+        const char* name;
+        const char* command;
+        Answer answer;
+        std::string out;
+    } cases[] = {
+        {"answer, DONE, hang up", "fw_config_mode",
+         [](BoardConnection& c, const wire::Message& r) {
+             c.answer(r, kData, {kFff});
+             c.answer(r, kDone);
+         },
+         "FW configuration mode: FFF\n"},
+        {"DONE, hang up (the reboot after fallback_ffh)", "fallback_ffh",
+         [](BoardConnection& c, const wire::Message& r) { c.answer(r, kDone); },
+         "Fallback to FFH...\rFallback to FFH completed, rebooting\n"},
+        {"answer inside the DONE", "fw_config_mode",
+         [](BoardConnection& c, const wire::Message& r) {
+             c.answer(r, kDone, {kSlowFff});
+             c.wait_closed();
+         },
+         "FW configuration mode: FFF\n"},
+        {"answer inside the DONE, hang up", "fw_config_mode",
+         [](BoardConnection& c, const wire::Message& r) { c.answer(r, kDone, {kSlowFff}); },
+         "FW configuration mode: FFF\n"},
+    };
+    for (const auto& c : cases) {
+        HostileBoard board = one_shot(c.answer);
+        for (int i = 0; i < 40; ++i) {
+            ASSERT_TRUE(
+                ran(run_at(board.address(), {c.command}), 0, hello(board.address()) + c.out, ""))
+                << c.name << ", run " << i;
+        }
     }
 }
 
@@ -75,19 +66,14 @@ TEST(BoardRaces, AnswerInsideTheDoneThenHangUp) {
 // abort.
 TEST(BoardRaces, DeviceNotFoundOrLost) {
     for (int status : {1, 2}) {
-        HostileBoard board([status](BoardConnection& c, int) {
-            c.handshake();
-            const Request r = c.next();
-            c.answer(r, kDone, {device_get_answer(status)});
+        HostileBoard board = one_shot([status](BoardConnection& c, const wire::Message& r) {
+            c.answer(r, kDone, {wire::uint_field(1, status)});
             c.wait_closed();
         });
-        for (const char* command : {"psi_get", "activate"}) {
-            std::vector<std::string> args = {"--url", board.address(), command};
-            if (std::string(command) == "activate") args.push_back("1234");
-            const Result r = run_qorc(args);
-            EXPECT_EQ(r.status, 1) << command << " " << status;
-            EXPECT_EQ(r.out, hello(board));
-            EXPECT_EQ(r.err, "Error: device not found\n");
+        for (const auto& args : {std::vector<std::string>{"psi_get"}, {"activate", "1234"}}) {
+            EXPECT_RUN(run_at(board.address(), args), 1, hello(board.address()),
+                       "Error: device not found\n")
+                << args[0] << " " << status;
         }
     }
 }

@@ -1,4 +1,6 @@
-// Every sub-command but sysupgrade, end to end against qord-sim.
+// Every sub-command but sysupgrade, end to end against qord-sim: each
+// scenario is a simulator set up its way and the runs made against it, in
+// order, each with its exit status and whole output.
 #include <gtest/gtest.h>
 
 #include "harness.h"
@@ -9,157 +11,139 @@ namespace {
 const std::string kMac = "02:00:5E:10:00:01";
 const std::string kIdentities =
     "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 353456789012348\n\tSERIAL: QS-000001\n";
+const std::string kEmptyMac = "device identities:\n\tMAC: \n\tIMEI: 1\n\tSERIAL: S\n";
 const std::string kPsi = R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":false})";
+const std::string kNotJson = "Error: PSI amend refused: the text is not valid JSON\n";
+const std::string kNoPasscode = "No passcode found for this device (" + kMac + ")\n";
+const std::string kWrongPasscode = "Error: IMEI reset refused: wrong passcode\n";
+const std::string kDropped =
+    "Worker got exception: Failed to read data from server: Success\nError: Connection lost\n";
+const std::string kMissing = "{dir}/missing/none.json";
+const std::string kNotFound = "Error: device not found\n";
 
-struct Board {
-    TempDir dir;
-    std::string state;
-    std::unique_ptr<Sim> sim;
-
-    explicit Board(std::vector<std::string> args = {}, const std::string& stateJson = "") {
-        state = dir.file("state.json");
-        if (!stateJson.empty()) dir.write("state.json", stateJson);
-        args.insert(args.begin(), {"--state", state});
-        sim.reset(new Sim(args));
-    }
-    Result run(std::vector<std::string> args) {
-        args.insert(args.begin(), {"--url", sim->address()});
-        return run_qorc(args);
-    }
-    std::string hello() const { return "Try to connect to " + sim->address() + "\n"; }
+struct Step {
+    std::vector<std::string> args;  // FILE:name=content writes a file; {dir} is the scratch folder
+    int status;
+    std::string out;  // after the connection line
+    std::string err;
 };
 
-void expect(const Result& r, int status, const std::string& out, const std::string& err) {
-    EXPECT_EQ(r.status, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, err);
-}
+struct Scenario {
+    std::string name;
+    std::vector<std::string> sim_args;
+    std::string state;  // the state file's text; empty: the simulator's defaults
+    std::vector<Step> steps;
+    std::string file = "state.json";  // at the end this file holds
+    std::string holds = "";           // this text (empty: the file is empty or absent)
+};
 
-TEST(Devices, FirmwareSourceAndFallback) {
-    Board b;
-    expect(b.run({"fw_config_mode"}), 0, b.hello() + "FW configuration mode: FFF\n", "");
-    expect(b.run({"fallback_ffh"}), 0,
-           b.hello() + "Fallback to FFH...\rFallback to FFH completed, rebooting\n", "");
-    ASSERT_TRUE(b.sim->wait_output("back on"));
-    expect(b.run({"fw_config_mode"}), 0, b.hello() + "FW configuration mode: FFH\n", "");
-    EXPECT_NE(read_file(b.state).find("\"firmware_source\":\"FFH\""), std::string::npos);
-}
-
-TEST(Devices, PsiReadAndAmend) {
-    Board b;
-    expect(b.run({"psi_get"}), 0, b.hello() + kPsi + "\n", "");
-
-    const std::string out = b.dir.file("out.json");
-    expect(b.run({"psi_get", out}), 0, b.hello(), "");
-    EXPECT_EQ(read_file(out), kPsi + "\n");
-
-    // Sent as it stands, trailing newline included; applied as a merge patch.
-    const std::string patch = "{\"roaming\": true, \"band\": null}\n";
-    expect(b.run({"psi_set", b.dir.write("patch.json", patch)}), 0,
-           b.hello() + "json: " + patch + "\n", "");
-    expect(b.run({"psi_get"}), 0, b.hello() + R"({"apn":"internet","roaming":true})" + "\n", "");
-
-    expect(b.run({"psi_set", b.dir.write("bad.json", "{nope")}), 1, b.hello() + "json: {nope\n",
-           "Error: PSI amend refused: the text is not valid JSON\n");
-    expect(b.run({"psi_set", b.dir.write("empty.json", "")}), 1, b.hello() + "json: \n",
-           "Error: PSI amend refused: the text is not valid JSON\n");
-    expect(b.run({"psi_get"}), 0, b.hello() + R"({"apn":"internet","roaming":true})" + "\n", "");
-}
-
-TEST(Devices, UnopenableFilesGiveStatusTwo) {
-    // Any remote call would break the connection and say so.
-    Board b({"--drop", "get", "--drop", "psi.get"});
-    const std::string missing = b.dir.file("missing/none.json");
-    expect(b.run({"psi_set", missing}), 2, b.hello(), "Failed to open \"" + missing + "\"\n");
-    expect(b.run({"reset_imei", missing}), 2, b.hello(), "Failed to open \"" + missing + "\"\n");
-    const std::string dir = b.dir.path();
-    expect(b.run({"psi_set", dir}), 2, b.hello(), "Failed to open \"" + dir + "\"\n");
-    expect(b.run({"reset_imei", dir}), 2, b.hello(), "Failed to open \"" + dir + "\"\n");
-
-    // psi_get asks the board before it opens its output file.
-    Board fine;
-    expect(fine.run({"psi_get", missing}), 2, fine.hello(), "Failed to open \"" + missing + "\"\n");
-    Result r = b.run({"psi_get", missing});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err.substr(r.err.find("Error: ")), "Error: Connection lost\n");
-}
-
-TEST(Devices, ResetImeiFindsThePasscodeByMac) {
-    Board b({}, R"({"devices": [{"id": 0, "mac": "02:00:5E:10:00:01", "imei": "111",
-                "factory_imei": "353456789012348", "serial": "QS-000001",
-                "imei_reset_passcode": "RESET 12 34"}]})");
-    const std::string before =
-        "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 111\n\tSERIAL: QS-000001\n";
-    // Lower case with dashes matches; blanks around the passcode go, inner ones stay;
-    // the first record wins.
-    const std::string file = b.dir.write("codes.txt",
-                                         "\n  aa:bb:cc:dd:ee:ff other\n"
-                                         "02-00-5e-10-00-01 \t RESET 12 34  \n"
-                                         "02:00:5E:10:00:01 wrong\n");
-    expect(b.run({"reset_imei", file}), 0, b.hello() + before, "");
-    expect(b.run({"reset_imei", file}), 0, b.hello() + kIdentities, "");
-    EXPECT_NE(read_file(b.state).find("\"imei_resets\":2"), std::string::npos);
-
-    expect(b.run({"reset_imei", b.dir.write("wrong.txt", "02-00-5E-10-00-01 RESET 1234\n")}), 1,
-           b.hello() + kIdentities, "Error: IMEI reset refused: wrong passcode\n");
-    expect(b.run({"reset_imei", b.dir.write("none.txt", "aa-bb-cc-dd-ee-ff RESET 12 34\n")}), 1,
-           b.hello() + kIdentities, "No passcode found for this device (" + kMac + ")\n");
-    expect(b.run({"reset_imei", b.dir.write("empty.txt", "")}), 1, b.hello() + kIdentities,
-           "No passcode found for this device (" + kMac + ")\n");
-}
-
-TEST(Devices, ResetImeiEdgeRecords) {
-    // A line with only the MAC sends an empty passcode.
-    Board b({}, R"({"devices": [{"id": 0, "mac": "", "imei": "1", "serial": "S",
-                "imei_reset_passcode": ""}]})");
-    const std::string ids = "device identities:\n\tMAC: \n\tIMEI: 1\n\tSERIAL: S\n";
+// clang-format off
+const Scenario kScenarios[] = {
+    {"psi read and amend: sent as it stands, applied as a merge patch", {}, "", {
+        {{"psi_get"}, 0, kPsi + "\n", ""},
+        {{"psi_set", "FILE:p.json={\"roaming\": true, \"band\": null}\n"}, 0,
+         "json: {\"roaming\": true, \"band\": null}\n\n", ""},
+        {{"psi_set", "FILE:bad.json={nope"}, 1, "json: {nope\n", kNotJson},
+        {{"psi_set", "FILE:empty.json="}, 1, "json: \n", kNotJson},
+        {{"psi_get"}, 0, "{\"apn\":\"internet\",\"roaming\":true}\n", ""}},
+     "state.json", "\"roaming\":true"},
+    {"psi_get into a file, which is opened after the board answered", {}, "", {
+        {{"psi_get", kMissing}, 2, "", "Failed to open \"" + kMissing + "\"\n"},
+        {{"psi_get", "{dir}/out.json"}, 0, "", ""}},
+     "out.json", kPsi + "\n"},
+    // Lower case with dashes matches; blanks around the passcode go, inner
+    // ones stay; the first record wins.
+    {"reset_imei finds the passcode by MAC", {}, R"({"devices": [{"id": 0, "mac": "02:00:5E:10:00:01",
+        "imei": "111", "factory_imei": "353456789012348", "serial": "QS-000001",
+        "imei_reset_passcode": "RESET 12 34"}]})", {
+        {{"reset_imei", "FILE:c.txt=\n  aa:bb:cc:dd:ee:ff other\n02-00-5e-10-00-01 \t RESET 12 34  \n"
+          "02:00:5E:10:00:01 wrong\n"}, 0,
+         "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 111\n\tSERIAL: QS-000001\n", ""},
+        {{"reset_imei", "FILE:c.txt"}, 0, kIdentities, ""},
+        {{"reset_imei", "FILE:w.txt=02-00-5E-10-00-01 RESET 1234\n"}, 1, kIdentities, kWrongPasscode},
+        {{"reset_imei", "FILE:n.txt=aa-bb-cc-dd-ee-ff RESET 12 34\n"}, 1, kIdentities, kNoPasscode},
+        {{"reset_imei", "FILE:e.txt="}, 1, kIdentities, kNoPasscode}},
+     "state.json", "\"imei_resets\":2"},
     // An empty MAC matches the extra pass after the final newline, which
-    // reuses the last record's passcode: here a wrong one.
-    expect(b.run({"reset_imei", b.dir.write("a.txt", "aa-bb-cc-dd-ee-ff left-over\n")}), 1,
-           b.hello() + ids, "Error: IMEI reset refused: wrong passcode\n");
-    expect(b.run({"reset_imei", b.dir.write("b.txt", "aa-bb-cc-dd-ee-ff\n")}), 0, b.hello() + ids,
-           "");
+    // reuses the last record's passcode; a line with only a MAC sends an
+    // empty one.
+    {"reset_imei with an empty MAC", {},
+     R"({"devices": [{"id": 0, "mac": "", "imei": "1", "serial": "S", "imei_reset_passcode": ""}]})", {
+        {{"reset_imei", "FILE:a.txt=aa-bb-cc-dd-ee-ff left-over\n"}, 1, kEmptyMac, kWrongPasscode},
+        {{"reset_imei", "FILE:b.txt=aa-bb-cc-dd-ee-ff\n"}, 0, kEmptyMac, ""}},
+     "state.json", "\"imei_resets\":1"},
+    {"a refused activation writes nothing", {}, "", {
+        {{"activate", "TALVEX-0000"}, 1, "", "Error: TALVEX activation refused: wrong passcode\n"}}},
+    {"activation", {}, "", {{{"activate", "TALVEX-5678"}, 0, "", ""}},
+     "state.json", "\"talvex_active\":true"},
+    {"input files that do not open, before any remote call", {"--drop", "get"}, "", {
+        {{"psi_set", kMissing}, 2, "", "Failed to open \"" + kMissing + "\"\n"},
+        {{"reset_imei", kMissing}, 2, "", "Failed to open \"" + kMissing + "\"\n"},
+        {{"psi_set", "{dir}"}, 2, "", "Failed to open \"{dir}\"\n"},
+        {{"reset_imei", "{dir}"}, 2, "", "Failed to open \"{dir}\"\n"},
+        {{"psi_get", kMissing}, 1, "", kDropped}}},
+    {"remote failures", {"--fail", "fw_config_mode=flash is busy", "--refuse", "psi.get", "--drop",
+                         "identities.get"}, "", {
+        {{"fw_config_mode"}, 1, "", "Error: flash is busy\n"},
+        {{"psi_get"}, 1, "", "Error: No handler found\n"},
+        {{"reset_imei", "FILE:c.txt=x y\n"}, 1, "", kDropped}}},
+    {"unknown device", {}, R"({"devices": [{"id": 5}]})", {
+        {{"psi_get"}, 1, "", kNotFound},
+        {{"psi_set", "FILE:psi.json={}"}, 1, "", kNotFound},
+        {{"reset_imei", "FILE:codes=" + kMac + " 1234\n"}, 1, "", kNotFound},
+        {{"activate", "1234"}, 1, "", kNotFound}},
+     "state.json", R"({"devices": [{"id": 5}]})"},
+    {"a board that splits its frames", {"--split-frames"}, "", {
+        {{"psi_get"}, 0, kPsi + "\n", ""},
+        {{"fw_config_mode"}, 0, "FW configuration mode: FFF\n", ""}}},
+    {"handshake mismatch", {"--handshake-version", "2"}, "", {
+        {{"discover"}, 1, "", "Error: Failed to connect, socket protocol mismatch\n"}}},
+};
+// clang-format on
+
+// FILE:name=content writes the file, FILE:name names one written before;
+// {dir} stands for the scratch folder.
+std::string resolve(std::string arg, const TempDir& dir) {
+    if (arg.compare(0, 5, "FILE:") == 0) {
+        const size_t eq = arg.find('=');
+        if (eq == std::string::npos) return dir.file(arg.substr(5));
+        return dir.write(arg.substr(5, eq - 5), arg.substr(eq + 1));
+    }
+    const size_t at = arg.find("{dir}");
+    return at == std::string::npos ? arg : arg.replace(at, 5, dir.path());
 }
 
-TEST(Devices, Activate) {
-    Board b;
-    expect(b.run({"activate", "TALVEX-0000"}), 1, b.hello(),
-           "Error: TALVEX activation refused: wrong passcode\n");
-    EXPECT_EQ(read_file(b.state), "");  // nothing accepted, nothing written
-    expect(b.run({"activate", "TALVEX-5678"}), 0, b.hello(), "");
-    EXPECT_NE(read_file(b.state).find("\"talvex_active\":true"), std::string::npos);
-}
-
-TEST(Devices, RemoteFailuresEndInErrorLines) {
-    Board b({"--fail", "fw_config_mode=flash is busy", "--refuse", "psi.get", "--drop",
-             "identities.get"});
-    expect(b.run({"fw_config_mode"}), 1, b.hello(), "Error: flash is busy\n");
-    expect(b.run({"psi_get"}), 1, b.hello(), "Error: No handler found\n");
-    expect(b.run({"reset_imei", b.dir.write("c.txt", "x y\n")}), 1, b.hello(),
-           "Worker got exception: Failed to read data from server: Success\n"
-           "Error: Connection lost\n");
-}
-
-TEST(Devices, UnknownDeviceFailsEveryDeviceSubCommand) {
-    Board b({}, R"({"devices": [{"id": 5}]})");
-    const std::string passcodes = b.dir.write("codes", kMac + " 1234\n");
-    const std::string psi = b.dir.write("psi.json", "{}");
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"psi_get"}, {"psi_set", psi}, {"reset_imei", passcodes}, {"activate", "1234"}}) {
-        expect(b.run(args), 1, b.hello(), "Error: device not found\n");
+TEST(Devices, Scenarios) {
+    for (const Scenario& s : kScenarios) {
+        SCOPED_TRACE(s.name);
+        TempDir dir;
+        const std::string state =
+            s.state.empty() ? dir.file("state.json") : dir.write("state.json", s.state);
+        std::vector<std::string> args = {"--state", state};
+        args.insert(args.end(), s.sim_args.begin(), s.sim_args.end());
+        Sim sim(args);
+        for (const Step& step : s.steps) {
+            std::vector<std::string> words;
+            for (const std::string& a : step.args) words.push_back(resolve(a, dir));
+            EXPECT_RUN(sim.run(words), step.status, sim.hello() + step.out, resolve(step.err, dir))
+                << step.args[0];
+        }
+        const std::string text = read_file(dir.file(s.file));
+        EXPECT_TRUE(s.holds.empty() ? text.empty() : text.find(s.holds) != std::string::npos)
+            << s.file << ": " << text;
     }
 }
 
-TEST(Devices, BoardThatSplitsItsFrames) {
-    Board b({"--split-frames"});
-    expect(b.run({"psi_get"}), 0, b.hello() + kPsi + "\n", "");
-    expect(b.run({"fw_config_mode"}), 0, b.hello() + "FW configuration mode: FFF\n", "");
-}
-
-TEST(Devices, HandshakeMismatch) {
-    Board b({"--handshake-version", "2"});
-    expect(b.run({"discover"}), 1, b.hello(),
-           "Error: Failed to connect, socket protocol mismatch\n");
+TEST(Devices, FallbackRebootsIntoFirmwareFromHost) {
+    TempDir dir;
+    Sim sim({"--state", dir.file("state.json")});
+    EXPECT_RUN(sim.run({"fw_config_mode"}), 0, sim.hello() + "FW configuration mode: FFF\n", "");
+    EXPECT_RUN(sim.run({"fallback_ffh"}), 0,
+               sim.hello() + "Fallback to FFH...\rFallback to FFH completed, rebooting\n", "");
+    ASSERT_TRUE(sim.wait_output("back on"));
+    EXPECT_RUN(sim.run({"fw_config_mode"}), 0, sim.hello() + "FW configuration mode: FFH\n", "");
+    EXPECT_NE(read_file(dir.file("state.json")).find("\"firmware_source\":\"FFH\""),
+              std::string::npos);
 }
 
 }  // namespace

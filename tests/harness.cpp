@@ -36,6 +36,25 @@ Result run_qorc(const std::vector<std::string>& args, int timeoutMs) {
     return run_command(binary, argv, timeoutMs);
 }
 
+Result run_at(const std::string& address, std::vector<std::string> args, int timeoutMs) {
+    args.insert(args.begin(), {"--url", address});
+    return run_qorc(args, timeoutMs);
+}
+
+std::string hello(const std::string& address) {
+    return "Try to connect to " + address + "\n";
+}
+
+::testing::AssertionResult ran(const Result& r, int status, const std::string& out,
+                               const std::string& err) {
+    if (r.status == status && r.out == out && r.err == err) return ::testing::AssertionSuccess();
+    auto failure = ::testing::AssertionFailure();
+    if (r.status != status) failure << "status " << r.status << ", expected " << status << "\n";
+    if (r.out != out) failure << "out:\n" << r.out << "\nexpected:\n" << out << "\n";
+    if (r.err != err) failure << "err:\n" << r.err << "\nexpected:\n" << err << "\n";
+    return failure;
+}
+
 bool enter_private_network() {
     if (unshare(CLONE_NEWNET) != 0) return false;
     return run_command("/usr/sbin/ip", {"link", "set", "lo", "up"}).status == 0;

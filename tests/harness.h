@@ -4,11 +4,14 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "eventually.h"
 #include "loopback.h"
 #include "process.h"
 
@@ -21,6 +24,7 @@ struct Result {
 };
 
 using support::count_of;
+using support::eventually;
 using support::file_exists;
 using support::Process;
 using support::read_file;
@@ -39,6 +43,16 @@ Result run_command(const std::string& binary, const std::vector<std::string>& ar
 // qorc with the given arguments, to completion. Without --url or -u it
 // runs in an empty network namespace of its own.
 Result run_qorc(const std::vector<std::string>& args, int timeoutMs = 60000);
+// qorc --url ADDRESS, then the arguments.
+Result run_at(const std::string& address, std::vector<std::string> args, int timeoutMs = 60000);
+// qorc's first line when it connects to `address`.
+std::string hello(const std::string& address);
+
+// A finished run against its exit status and its whole standard output and
+// error; the failure names each that differs.
+::testing::AssertionResult ran(const Result& r, int status, const std::string& out,
+                               const std::string& err);
+#define EXPECT_RUN(result, status, out, err) EXPECT_TRUE(::e2e::ran(result, status, out, err))
 
 // qord-sim on a free port of `listen_host`, started and ready to serve.
 class Sim {
@@ -47,7 +61,10 @@ class Sim {
     ~Sim();
     unsigned short port() const { return m_server.port(); }
     std::string address() const;  // host:port, for --url
-    std::vector<std::string> url() const { return {"--url", address()}; }
+    Result run(const std::vector<std::string>& args, int timeoutMs = 60000) const {
+        return run_at(address(), args, timeoutMs);
+    }
+    std::string hello() const { return e2e::hello(address()); }
     // Everything the simulator printed so far.
     std::string out() const { return m_server.out(); }
     std::string err() const { return m_server.err(); }

@@ -138,9 +138,9 @@ void handshake_never_answered(Lab& lab) {
 void answers_after_40s(Lab& lab) {
     lab.serve([](BoardConnection& c, int) {
         c.handshake();
-        const Request r = c.next();
+        const wire::Message r = c.next();
         std::this_thread::sleep_for(seconds(40));
-        c.answer(r, kDone, {fw_config_mode_answer(true)});
+        c.answer(r, kDone, {wire::uint_field(1, 1)});  // is_fff
         c.wait_closed();
     });
     lab.start_qorc({"fw_config_mode"});
@@ -161,11 +161,11 @@ void reads_nothing_for_25s(Lab& lab) {
     const std::string json = "{\"blob\": \"" + std::string(kSize, 'x') + "\"}";
     lab.serve([&lab](BoardConnection& c, int) {
         c.handshake();
-        const Request get = c.next();
-        c.answer(get, kDone, {device_get_answer(0)});
+        const wire::Message get = c.next();
+        c.answer(get, kDone, {wire::uint_field(1, 0)});  // device OK
         std::this_thread::sleep_for(seconds(25));
         if (!lab.qorc_running() || lab.unacked() <= 0) lab.fail("qorc was never held up");
-        const Request set = c.next();
+        const wire::Message set = c.next();
         if (!set.is("device.psi.set") || set.bodies.at(0).size() < kSize) lab.fail("no psi_set");
         c.answer(set, kDone);
         c.wait_closed();

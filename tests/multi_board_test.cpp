@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <future>
 #include <memory>
 
@@ -19,85 +18,54 @@ namespace {
 
 const char* const kIp = "/bin/ip";
 const std::string kBoard = "192.168.15.1";
-const std::string kPrefix = "qmb";  // our namespaces: qmb<pid>h, qmb<pid>b1...
 
-Result ip(const std::vector<std::string>& args) {
-    return run_command(kIp, args, 20000);
-}
-
-// Namespaces left by an earlier run that was killed: its pid is gone.
-void remove_stale_namespaces() {
-    DIR* dir = opendir("/run/netns");
-    if (!dir) return;
-    while (dirent* e = readdir(dir)) {
-        const std::string name = e->d_name;
-        if (name.compare(0, kPrefix.size(), kPrefix) != 0) continue;
-        const pid_t pid = static_cast<pid_t>(atol(name.c_str() + kPrefix.size()));
-        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) ip({"netns", "del", name});
-    }
-    closedir(dir);
-}
+// Shell steps on the namespaces $1h (the host) and $1b1..$1b3 (the boards):
+// each board answers on 192.168.15.1 behind the host's link brd1..brd3.
+const char* const kRemoveStale = R"(for f in /run/netns/qmb*; do
+  n=${f##*/}; p=${n#qmb}; p=${p%%[hb]*}
+  [ -e "$f" ] && ! kill -0 "$p" 2>/dev/null && ip netns del "$n"
+done; true)";
+const char* const kBuild = R"(set -e
+ip netns add $1h; ip -n $1h link set lo up
+for i in 1 2 3; do
+  ip netns add $1b$i; ip -n $1b$i link set lo up
+  ip -n $1h link add brd$i type veth peer name eth0 netns $1b$i
+  ip -n $1b$i addr add 192.168.15.1/24 dev eth0; ip -n $1b$i link set eth0 up
+  ip -n $1h link set brd$i up
+done)";
+const char* const kRemove =
+    "for n in $1h $1b1 $1b2 $1b3; do ip netns del $n 2>/dev/null; done; true";
+// Distinct host addresses, with a routing table per source address.
+const char* const kDistinctAddresses = R"(set -e; for i in 1 2 3; do
+  ip -n $1h addr add 192.168.15.10$i/24 dev brd$i
+  ip -n $1h rule add from 192.168.15.10$i table 10$i
+  ip -n $1h route add 192.168.15.0/24 dev brd$i src 192.168.15.10$i table 10$i
+done)";
+// The same host address on every link: only the interface tells them apart.
+const char* const kOneAddress = R"(set -e; for i in 1 2 3; do
+  ip -n $1h rule del from 192.168.15.10$i
+  ip -n $1h addr flush dev brd$i; ip -n $1h addr add 192.168.15.100/24 dev brd$i
+done)";
 
 class Topology {
   public:
     static constexpr int kBoards = 3;
 
-    Topology() : m_host(kPrefix + std::to_string(getpid()) + "h") {
-        remove_stale_namespaces();
-        for (int i = 1; i <= kBoards; ++i) {
-            m_boards.push_back(kPrefix + std::to_string(getpid()) + "b" + std::to_string(i));
-        }
-    }
+    Topology() : m_prefix("qmb" + std::to_string(getpid())) { sh(kRemoveStale); }
     ~Topology() {
         m_sims.clear();  // kills what still runs
-        for (const std::string& ns : m_made) ip({"netns", "del", ns});
+        sh(kRemove);
     }
 
-    // False (with the reason in `why`) when namespaces cannot be made here.
-    bool build(std::string& why) {
-        for (const std::string& ns : all()) {
-            const Result r = ip({"netns", "add", ns});
-            if (r.status != 0) {
-                why = "cannot make network namespaces: " + r.err;
-                return false;
-            }
-            m_made.push_back(ns);
-            run_ok({"-n", ns, "link", "set", "lo", "up"});
-        }
-        for (int i = 1; i <= kBoards; ++i) {
-            const std::string& board = m_boards[i - 1];
-            run_ok({"-n", m_host, "link", "add", link(i), "type", "veth", "peer", "name", "eth0",
-                    "netns", board});
-            run_ok({"-n", board, "addr", "add", kBoard + "/24", "dev", "eth0"});
-            run_ok({"-n", board, "link", "set", "eth0", "up"});
-            run_ok({"-n", m_host, "link", "set", link(i), "up"});
-        }
-        return true;
+    // Runs one of the steps above; false (with the reason in `why`) when it fails.
+    bool sh(const char* steps, std::string* why = nullptr) {
+        const Result r = run_command("/bin/sh", {"-c", steps, "sh", m_prefix}, 20000);
+        if (why) *why = r.err;
+        return r.status == 0;
     }
 
-    // The host's own link to board i.
     static std::string link(int i) { return "brd" + std::to_string(i); }
     static std::string host_address(int i) { return "192.168.15.10" + std::to_string(i); }
-
-    // Distinct host addresses, with a routing table per source address.
-    void use_distinct_addresses() {
-        for (int i = 1; i <= kBoards; ++i) {
-            const std::string table = std::to_string(100 + i);
-            run_ok({"-n", m_host, "addr", "add", host_address(i) + "/24", "dev", link(i)});
-            run_ok({"-n", m_host, "rule", "add", "from", host_address(i), "table", table});
-            run_ok({"-n", m_host, "route", "add", "192.168.15.0/24", "dev", link(i), "src",
-                    host_address(i), "table", table});
-        }
-    }
-
-    // The same host address on every link: only the interface tells them apart.
-    void use_one_address() {
-        for (int i = 1; i <= kBoards; ++i) {
-            run_ok({"-n", m_host, "rule", "del", "from", host_address(i)});
-            run_ok({"-n", m_host, "addr", "flush", "dev", link(i)});
-            run_ok({"-n", m_host, "addr", "add", "192.168.15.100/24", "dev", link(i)});
-        }
-    }
 
     // qord-sim on board i, with PSI that names the board; returns once it
     // listens.
@@ -108,7 +76,7 @@ class Topology {
             "{\"version\": \"board-" + n + " 1.0\", \"devices\": [{\"id\": 0, " +
                 "\"mac\": \"02:00:00:00:00:0" + n + "\", \"psi\": {\"board\": " + n + "}}]}");
         m_sims.push_back(std::make_unique<support::ServerProcess>(
-            kIp, std::vector<std::string>{"netns", "exec", m_boards[i - 1], qord_sim_binary(),
+            kIp, std::vector<std::string>{"netns", "exec", m_prefix + "b" + n, qord_sim_binary(),
                                           "--listen", kBoard + ":7000", "--state", state,
                                           "--reboot-delay-ms", "200", "--reboot-grace-ms", "50"}));
     }
@@ -116,29 +84,13 @@ class Topology {
 
     // qorc in the host namespace.
     Result qorc(const std::string& bind, std::vector<std::string> args) const {
-        args.insert(args.begin(),
-                    {"netns", "exec", m_host, qorc_binary(), "--url", kBoard, "--bind", bind});
+        args.insert(args.begin(), {"netns", "exec", m_prefix + "h", qorc_binary(), "--url", kBoard,
+                                   "--bind", bind});
         return run_command(kIp, args, 60000);
     }
 
   private:
-    std::vector<std::string> all() const {
-        std::vector<std::string> names = m_boards;
-        names.push_back(m_host);
-        return names;
-    }
-    void run_ok(const std::vector<std::string>& args) {
-        const Result r = ip(args);
-        if (r.status != 0) {
-            std::string line = "ip";
-            for (const std::string& a : args) line += " " + a;
-            throw std::runtime_error(line + ": " + r.err);
-        }
-    }
-
-    std::string m_host;
-    std::vector<std::string> m_boards;
-    std::vector<std::string> m_made;
+    std::string m_prefix;  // our namespaces: qmb<pid>h, qmb<pid>b1...
     std::vector<std::unique_ptr<support::ServerProcess>> m_sims;
 };
 
@@ -151,17 +103,20 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
     Topology net;
     std::string why;
-    if (!net.build(why)) GTEST_SKIP() << why;
+    if (!net.sh(kBuild, &why)) GTEST_SKIP() << "cannot make network namespaces: " << why;
     TempDir dir;
     for (int i = 1; i <= Topology::kBoards; ++i) net.start_board(i, dir);
 
+    // Each board answers with its own PSI.
+    auto each_answers = [&](std::string (*bind)(int)) {
+        for (int i = 1; i <= Topology::kBoards; ++i) {
+            EXPECT_RUN(net.qorc(bind(i), {"psi_get"}), 0, hello(kBoard + ":7000") + psi_line(i), "")
+                << bind(i);
+        }
+    };
     // Distinct host addresses with source routing: --bind ADDRESS.
-    net.use_distinct_addresses();
-    for (int i = 1; i <= Topology::kBoards; ++i) {
-        const Result r = net.qorc(Topology::host_address(i), {"psi_get"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find(psi_line(i)), std::string::npos) << "board " << i << ": " << r.out;
-    }
+    ASSERT_TRUE(net.sh(kDistinctAddresses, &why)) << why;
+    each_answers(Topology::host_address);
     const std::string image2 = dir.write("fw2.img", "QORFW alone-2\nimage of board 2");
     const size_t others = count_of(net.board_out(1) + net.board_out(3), "connection from");
     const std::string fromHost = "connection from " + Topology::host_address(2) + ":";
@@ -175,17 +130,12 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     EXPECT_EQ(count_of(net.board_out(1) + net.board_out(3), "connection from"), others);
 
     // The same host address on every link: --bind INTERFACE.
-    net.use_one_address();
-    for (int i = 1; i <= Topology::kBoards; ++i) {
-        const Result r = net.qorc(Topology::link(i), {"psi_get"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_NE(r.out.find(psi_line(i)), std::string::npos) << "board " << i << ": " << r.out;
-    }
+    ASSERT_TRUE(net.sh(kOneAddress, &why)) << why;
+    each_answers(Topology::link);
     std::vector<std::future<Result>> upgrades;
     for (int i = 1; i <= Topology::kBoards; ++i) {
-        const std::string image = dir.write(
-            "fw" + std::to_string(i) + "b.img",
-            "QORFW together-" + std::to_string(i) + "\nimage of board " + std::to_string(i));
+        const std::string n = std::to_string(i);
+        const std::string image = dir.write("fw" + n + ".img", "QORFW together-" + n + "\nimage");
         upgrades.push_back(std::async(std::launch::async, [&net, i, image] {
             return net.qorc(Topology::link(i), {"sysupgrade", image});
         }));

@@ -1,12 +1,12 @@
 // kill -9 of qord-sim in the middle of PSI writes: the state file is always
 // a whole JSON document, and no change it acknowledged is ever lost.
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -20,13 +20,9 @@ namespace {
 
 std::vector<std::string> temporaries_in(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::string(e->d_name).find(".tmp.") != std::string::npos) {
-                names.push_back(e->d_name);
-            }
-        }
-        closedir(d);
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        const std::string name = entry.path().filename();
+        if (name.find(".tmp.") != std::string::npos) names.push_back(name);
     }
     return names;
 }
@@ -70,7 +66,7 @@ TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedCha
                            std::ref(acknowledged), std::ref(started));
         // The kill lands at a random moment once writes are flowing, however
         // slow the machine (or its emulator) is.
-        for (int waited = 0; !started && waited < 30000; ++waited) usleep(1000);
+        eventually([&] { return started.load(); }, 30000);
         usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
         sim.process().signal(SIGKILL);
         sim.process().wait();

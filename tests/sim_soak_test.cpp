@@ -7,8 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 #include <thread>
 
 #include "harness.h"
@@ -31,119 +30,94 @@ struct Board {
     void connect(qor::Client& client) const { client.connect(host, port, "", 5); }
 };
 
-// Runs command number i of a cycle that covers every kind the client
-// library has, right answers and refusals alike; a new session every 25.
-class SequentialLoad {
-  public:
-    explicit SequentialLoad(const Board& board) : m_board(board) {}
-
-    void run(int commands) {
-        MutedStdout muted;  // psi_set echoes what it sends
-        for (int i = 0; i < commands; ++i) {
-            if (i % 25 == 0) {
-                m_client.reset(new qor::Client());
-                m_board.connect(*m_client);
-            }
-            ASSERT_NO_FATAL_FAILURE(one(i)) << "command " << i;
+// Whether command number i of a cycle that covers every kind the client
+// library has, right answers and refusals alike, answered as it should.
+bool one_command(qor::Client& c, int i) {
+    const std::string n = std::to_string(i);
+    std::string text;
+    bool fff = false;
+    qor::client::DeviceIdentities ids;
+    auto refused = [](auto call) {
+        try {
+            call();
+        } catch (const std::exception&) {
+            return true;
         }
-        m_client.reset();
+        return false;
+    };
+    switch (i % 10) {
+        case 0:
+            c.echo("soak " + n, text);
+            return text == "soak " + n;
+        case 1:
+            c.fw_config_mode(fff);
+            return fff;
+        case 2:
+            return !c.get_device(42).valid();
+        case 3:
+            c.get_device(0).get_identities(ids);
+            return ids.serial == "QS-000001";
+        case 4:
+            c.get_device(0).psi_set(kPsiAmend, "{\"soak\":" + n + "}");
+            return true;
+        case 5:
+            c.get_device(0).psi_get(kPsiRead, text);
+            return text.find("\"soak\":" + std::to_string(i - 1)) != std::string::npos;
+        case 6:
+            return refused([&] { c.get_device(0).reset_imei("wrong"); });
+        case 7:
+            c.get_device(0).reset_imei("RESET-1234");
+            return true;
+        case 8:
+            c.get_device(0).activate_talvex("TALVEX-5678");
+            return true;
+        default:
+            return refused([&] { c.get_device(0).psi_set(kPsiAmend, "{\"broken\":"); });
     }
+}
 
-  private:
-    void one(int i) {
-        qor::Client& c = *m_client;
-        switch (i % 10) {
-            case 0: {
-                std::string reply;
-                c.echo("soak " + std::to_string(i), reply);
-                ASSERT_EQ(reply, "soak " + std::to_string(i));
-                break;
-            }
-            case 1: {
-                bool fff = false;
-                c.fw_config_mode(fff);
-                ASSERT_TRUE(fff);
-                break;
-            }
-            case 2:
-                ASSERT_FALSE(c.get_device(42).valid());
-                break;
-            case 3: {
-                qor::client::DeviceIdentities ids;
-                c.get_device(0).get_identities(ids);
-                ASSERT_EQ(ids.serial, "QS-000001");
-                break;
-            }
-            case 4:
-                c.get_device(0).psi_set(kPsiAmend, "{\"soak\":" + std::to_string(i) + "}");
-                break;
-            case 5: {
-                std::string json;
-                c.get_device(0).psi_get(kPsiRead, json);
-                ASSERT_NE(json.find("\"soak\":" + std::to_string(i - 1)), std::string::npos);
-                break;
-            }
-            case 6:
-                ASSERT_ANY_THROW(c.get_device(0).reset_imei("wrong"));
-                break;
-            case 7:
-                c.get_device(0).reset_imei("RESET-1234");
-                break;
-            case 8:
-                c.get_device(0).activate_talvex("TALVEX-5678");
-                break;
-            case 9:
-                ASSERT_ANY_THROW(c.get_device(0).psi_set(kPsiAmend, "{\"broken\":"));
-                break;
+// `commands` of them in turn, a new session every 25.
+void sequential_load(const Board& board, int commands) {
+    MutedStdout muted;  // psi_set echoes what it sends
+    std::unique_ptr<qor::Client> client;
+    for (int i = 0; i < commands; ++i) {
+        if (i % 25 == 0) {
+            client.reset(new qor::Client());
+            board.connect(*client);
         }
+        ASSERT_TRUE(one_command(*client, i)) << "command " << i;
     }
+}
 
-    const Board& m_board;
-    std::unique_ptr<qor::Client> m_client;
-};
-
-// `clients` sessions connected at the same time, each running a few
-// commands once all are in. Each session has three threads here; with
-// default stacks, 200 of them would not fit a 32-bit address space.
+// `clients` sessions connected at the same time, each then running a few
+// commands on a thread of its own. Each session has three threads here;
+// with default stacks, 200 of them would not fit a 32-bit address space.
 void concurrent_clients(const Board& board, int clients) {
     pthread_attr_t small;
     pthread_attr_init(&small);
     pthread_attr_setstacksize(&small, 1 << 20);
     pthread_setattr_default_np(&small);
     pthread_attr_destroy(&small);
-    std::mutex mutex;
-    std::condition_variable allIn;
-    int connected = 0, failures = 0;
+    std::vector<std::unique_ptr<qor::Client>> sessions;
+    for (int t = 0; t < clients; ++t) {
+        sessions.push_back(std::make_unique<qor::Client>());
+        board.connect(*sessions.back());
+    }
+    std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < clients; ++t) {
         threads.emplace_back([&, t] {
-            bool ok = true;
-            qor::Client client;
             try {
-                board.connect(client);
-            } catch (const std::exception&) {
-                ok = false;
-            }
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                ++connected;
-                allIn.notify_all();
-                allIn.wait_for(lock, std::chrono::seconds(20),
-                               [&] { return connected == clients; });
-            }
-            try {
-                for (int i = 0; ok && i < 3; ++i) {
+                for (int i = 0; i < 3; ++i) {
                     std::string reply;
-                    client.echo(std::to_string(t), reply);
                     bool fff = false;
-                    client.fw_config_mode(fff);
-                    ok = reply == std::to_string(t) && fff;
+                    sessions[t]->echo(std::to_string(t), reply);
+                    sessions[t]->fw_config_mode(fff);
+                    failures += reply != std::to_string(t) || !fff;
                 }
             } catch (const std::exception&) {
-                ok = false;
+                ++failures;
             }
-            std::lock_guard<std::mutex> lock(mutex);
-            failures += !ok;
         });
     }
     for (std::thread& t : threads) t.join();
@@ -160,11 +134,7 @@ void killed_upgrades(Board& board, int upgrades) {
         const size_t before = count_of(board.sim.out(), started);
         Process qorc(qorc_binary(), {"--url", board.sim.address(), "sysupgrade", image},
                      board.dir.file("o"), board.dir.file("e"));
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-        while (count_of(board.sim.out(), started) == before &&
-               std::chrono::steady_clock::now() < deadline) {
-            usleep(1000);
-        }
+        eventually([&] { return count_of(board.sim.out(), started) > before; }, 15000);
         ASSERT_GT(count_of(board.sim.out(), started), before) << read_file(board.dir.file("e"));
         qorc.signal(SIGKILL);
         qorc.wait();
@@ -176,12 +146,15 @@ void killed_upgrades(Board& board, int upgrades) {
 // the same for 300 ms (the last readers of killed clients take a moment).
 Usage settled(pid_t pid) {
     Usage last = usage_of(pid);
-    for (int stable = 0, i = 0; stable < 30 && i < 1000; ++i) {
-        usleep(10000);
-        const Usage now = usage_of(pid);
-        stable = now.threads == last.threads && now.fds == last.fds ? stable + 1 : 0;
-        last = now;
-    }
+    int stable = 0;
+    eventually(
+        [&] {
+            const Usage now = usage_of(pid);
+            stable = now.threads == last.threads && now.fds == last.fds ? stable + 1 : 0;
+            last = now;
+            return stable == 30;
+        },
+        10000, 10);
     return last;
 }
 
@@ -192,12 +165,12 @@ TEST(SimulatorSoak, ManyCommandsClientsAndKilledUpgradesLeaveNoTrace) {
 
     // A smaller round first, so that the baseline includes what the
     // allocator keeps once it has served such a load.
-    SequentialLoad(board).run(200);
+    sequential_load(board, 200);
     concurrent_clients(board, 50);
     killed_upgrades(board, 2);
     const Usage baseline = settled(pid);
 
-    SequentialLoad(board).run(5000);
+    sequential_load(board, 5000);
     concurrent_clients(board, 200);
     killed_upgrades(board, 20);
     if (HasFatalFailure()) return;

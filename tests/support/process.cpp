@@ -8,18 +8,17 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
+
+#include "eventually.h"
 
 extern char** environ;
 
 namespace support {
 
 namespace {
-using Clock = std::chrono::steady_clock;
 const char* or_null(const std::string& path) {
     return path.empty() ? "/dev/null" : path.c_str();
 }
@@ -121,34 +120,28 @@ int Process::wait(int timeout_ms) {
     if (m_status >= 0) return m_status;
     if (timeout_ms < 0) {
         reap(0);
-        return m_status;
-    }
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (running()) {
-        if (Clock::now() > deadline) {
-            kill(m_pid, SIGKILL);
-            reap(0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    } else if (!eventually([this] { return !running(); }, timeout_ms, 2)) {
+        kill(m_pid, SIGKILL);
+        reap(0);
     }
     return m_status;
 }
 
 std::string wait_for_line(const std::string& path, const std::string& text, int timeout_ms) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (Clock::now() < deadline) {
-        const std::string all = read_file(path);
-        const size_t at = all.find(text);
-        const size_t end = at == std::string::npos ? at : all.find('\n', at);
-        if (end != std::string::npos) {
+    std::string line;
+    eventually(
+        [&] {
+            const std::string all = read_file(path);
+            const size_t at = all.find(text);
+            const size_t end = at == std::string::npos ? at : all.find('\n', at);
+            if (end == std::string::npos) return false;
             const size_t begin = all.rfind('\n', at);
             const size_t from = begin == std::string::npos ? 0 : begin + 1;
-            return all.substr(from, end - from);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return "";
+            line = all.substr(from, end - from);
+            return true;
+        },
+        timeout_ms);
+    return line;
 }
 
 ServerProcess::ServerProcess(const std::string& binary, const std::vector<std::string>& args)
