@@ -13,6 +13,7 @@ packages=(
   iproute2
   ansible-core
   scdoc lintian dpkg-dev file man-db pkg-config bash-completion
+  mmdebstrap diffoscope-minimal binutils
   g++-arm-linux-gnueabihf qemu-user-static
 )
 
