@@ -69,3 +69,16 @@ for arch in ${QORC_PACKAGE_ARCHES:-amd64 armhf}; do
   done
   echo "$arch: hardened dynamic programs, dependencies, PIC libraries, --version, --help, man pages: ok"
 done
+
+# Multi-Arch: same lets libqorc-dev of both architectures be installed at
+# once, which dpkg allows only if every path they share has the same bytes.
+if [ -d "$scratch/amd64" ] && [ -d "$scratch/armhf" ]; then
+  shared=0
+  while read -r path; do
+    cmp -s "$scratch/amd64/$path" "$scratch/armhf/$path" || fail "libqorc-dev: $path differs between amd64 and armhf"
+    shared=$((shared + 1))
+  done < <(comm -12 <(dpkg-deb -c "$dir/libqorc-dev_${version}_amd64.deb" | awk '$1 !~ /^d/ {print $6}' | sort) \
+                    <(dpkg-deb -c "$dir/libqorc-dev_${version}_armhf.deb" | awk '$1 !~ /^d/ {print $6}' | sort))
+  [ "$shared" -gt 0 ] || fail "libqorc-dev: no shared files found"
+  echo "libqorc-dev: the $shared files that amd64 and armhf share are the same"
+fi
