@@ -22,6 +22,8 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qorc)
 set(CPACK_PACKAGE_VENDOR "qorc developers")
 set(CPACK_PACKAGE_CONTACT "qorc developers <qorc-dev@lists.example.org>")
+# The team answers for the packages, not one of its members.
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${CPACK_PACKAGE_CONTACT}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 set(CPACK_STRIP_FILES ON)
@@ -44,37 +46,6 @@ endif()
 
 set(CPACK_DEBIAN_QORC_PACKAGE_NAME ${QORC_PACKAGE_NAME_qorc})
 set(CPACK_DEBIAN_QORC_PACKAGE_SECTION net)
-# Lintian overrides, one file per package (below): the lean executables are
-# position-dependent on purpose, and a fully static qorc is static on purpose.
-set(no_pie_override "# Linked as a position-dependent executable on purpose: a run lasts a few
-# milliseconds, and skipping the relocations of a position-independent one
-# is a measurable part of it.
-@package@: hardening-no-pie [usr/bin/*]
-")
-set(qorc_overrides "${no_pie_override}")
-set(sim_overrides "${no_pie_override}")
-# A fully static qorc has no shared library for dpkg-shlibdeps to see. It
-# still loads the system's name-service modules for any host source other
-# than files and DNS, and those must come from the C library release it was
-# linked with.
-if(QORC_FULLY_STATIC)
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -dM -E -x c++ -include features.h /dev/null
-    OUTPUT_VARIABLE libc_macros)
-  string(REGEX MATCH "#define __GLIBC__ ([0-9]+)" _ "${libc_macros}")
-  set(libc_major ${CMAKE_MATCH_1})
-  string(REGEX MATCH "#define __GLIBC_MINOR__ ([0-9]+)" _ "${libc_macros}")
-  set(libc_minor ${CMAKE_MATCH_1})
-  if(libc_major STREQUAL "" OR libc_minor STREQUAL "")
-    message(FATAL_ERROR "cannot tell the C library release of ${CMAKE_CXX_COMPILER}")
-  endif()
-  math(EXPR libc_next "${libc_minor} + 1")
-  set(CPACK_DEBIAN_QORC_PACKAGE_DEPENDS
-    "libc6 (>= ${libc_major}.${libc_minor}), libc6 (<< ${libc_major}.${libc_next})")
-  set(qorc_overrides "# Linked statically on purpose: a run lasts a few milliseconds, and the
-# dynamic loader would be a measurable part of it. See the dependency on libc6.
-@package@: statically-linked-binary [usr/bin/qorc]
-")
-endif()
 set(CPACK_COMPONENT_QORC_DESCRIPTION "command-line client for cellular-modem boards
 qorc administers an embedded cellular-modem board from a host computer
 through the board's management daemon, qord. Each run connects over IP,
@@ -95,20 +66,25 @@ failing, dropped or stalled commands) can be switched on for tests.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${QORC_PACKAGE_NAME_dev})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libprotobuf-dev")
+# The generated headers refuse any other protobuf release than the one they
+# were generated for, and the static libraries hold that release's inline
+# code: the package depends on that very release (its upstream version, any
+# Debian revision). The headers are the same on every architecture and the
+# libraries lie in the architecture's own directory, so the packages of
+# several architectures install side by side.
+if(NOT Protobuf_VERSION MATCHES "^([0-9]+)\\.([0-9]+)\\.([0-9]+)$")
+  message(FATAL_ERROR "cannot tell the protobuf release (Protobuf_VERSION '${Protobuf_VERSION}')")
+endif()
+math(EXPR protobuf_next_patch "${CMAKE_MATCH_3} + 1")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libprotobuf-dev (>= ${Protobuf_VERSION}), \
+libprotobuf-dev (<< ${CMAKE_MATCH_1}.${CMAKE_MATCH_2}.${protobuf_next_patch})")
+set(CPACK_QORC_MULTIARCH_SAME ${QORC_PACKAGE_NAME_dev})
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/QorcDebFields.cmake)
 set(CPACK_COMPONENT_DEV_DESCRIPTION "client library for cellular-modem boards (development files)
 The library behind qorc, for programs that administer boards through
 their management daemon qord: qor::Client and its remote commands, over
 the orvi RPC framework. It ships static libraries, the public headers, a
 CMake package (find_package(qorc), target qorc::client) and a pkg-config
 file (qorc).")
-
-foreach(component qorc sim)
-  set(package ${QORC_PACKAGE_NAME_${component}})
-  string(CONFIGURE "${${component}_overrides}" overrides @ONLY)
-  file(WRITE ${CMAKE_BINARY_DIR}/packaging/${package}.lintian-overrides "${overrides}")
-  install(FILES ${CMAKE_BINARY_DIR}/packaging/${package}.lintian-overrides RENAME ${package}
-    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides COMPONENT ${component})
-endforeach()
 
 include(CPack)

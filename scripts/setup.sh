@@ -14,6 +14,7 @@ packages=(
   ansible-core
   pylint pycodestyle yamllint shellcheck python3-voluptuous python3-packaging python3-venv
   scdoc lintian dpkg-dev file man-db pkg-config bash-completion
+  mmdebstrap diffoscope-minimal binutils
   g++-arm-linux-gnueabihf qemu-user-static
 )
 

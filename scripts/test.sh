@@ -5,7 +5,8 @@
 #   1. a normal build;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. ThreadSanitizer, for the threaded parts (engine, transports, client);
-# then builds and checks the Debian packages (scripts/package.sh), runs every
+# then builds and checks the Debian packages (scripts/package.sh) and installs
+# them into minimal Debian 12 and 13 roots (tests/install_roots_test.sh), runs every
 # test of an armhf cross build under qemu, and fuzzes the parsers for a fixed
 # time (scripts/fuzz.sh, FUZZ_SECONDS).
 # Any failure fails the whole run.
@@ -43,6 +44,8 @@ BUILD_TARGETS="threaded_tests" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stac
 echo "=== packaging (${SECONDS}s)"
 bash scripts/package.sh
 bash tests/package_check.sh build/packages
+echo "=== packages installed on Debian 12 and 13 (${SECONDS}s)"
+bash tests/install_roots_test.sh build/packages
 # Every test again, cross-built for the 32-bit ARM hosts, under qemu.
 run "armhf" build/test-armhf -- -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/armhf.cmake" -DQORC_SYSROOT="$root/build/sysroot-armhf"

@@ -35,6 +35,7 @@ Options:
                             each data block) with a write of its own, as some
                             boards do. The bytes on the wire are the same.
   -h, --help                This help.
+  --version                 Print the version and exit.
 
 Misbehaviour, for tests (may be repeated; NAME is a command name such as
 "psi.get" or "com.korvane.command.device.psi.get"):
@@ -107,6 +108,9 @@ int parse_options(int argc, char** argv, Options& o) {
         int n = 0;
         if (arg == "-h" || arg == "--help") {
             std::cout << kHelp;
+            return 0;
+        } else if (arg == "--version") {
+            std::cout << "qord-sim " QORD_SIM_VERSION << std::endl;
             return 0;
         } else if (arg == "--nodelay") {
             o.nodelay = true;

@@ -48,6 +48,7 @@ TEST(SimOptions, RefusesBadUsage) {
     }
     Options o;
     EXPECT_EQ(parse({"--help"}, o), 0);
+    EXPECT_EQ(parse({"--version", "--bogus"}, o), 0);
 }
 
 }  // namespace
