@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is needed, checks the format and the lock annotations (a
-# clang build with -Wthread-safety as errors), then builds and runs every
+# Installs what is needed, checks the format, the licence headers, the
+# Ansible collection (its unit tests and ansible-test sanity, offline) and
+# the lock annotations (a clang build with -Wthread-safety as errors), then
+# builds and runs every
 # test three ways:
 #   1. a normal build;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer;
@@ -17,6 +19,16 @@ bash scripts/setup.sh
 
 echo "=== format check"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+echo "=== licence headers"
+missing=$(git ls-files '*.cpp' '*.h' '*.proto' '*.sh' '*.py' '*.cmake' '*CMakeLists.txt' |
+  xargs grep -L 'SPDX-License-Identifier: Apache-2.0' || true)
+if [ -n "$missing" ]; then
+  echo "Without an SPDX-License-Identifier line:"; echo "$missing"; exit 1
+fi
+
+echo "=== Ansible collection: unit tests and sanity (${SECONDS}s)"
+bash ansible/tests/sanity.sh
 
 echo "=== thread-safety analysis (${SECONDS}s)"
 CC=clang CXX=clang++ bash scripts/build.sh build/test-thread-safety -DCMAKE_BUILD_TYPE=Debug \
