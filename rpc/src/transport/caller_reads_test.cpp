@@ -36,7 +36,6 @@ struct Session {
     std::unique_ptr<RawConnection> board;  // outlives the engine
     Protocol protocol{1};
     explicit Session(bool idleReader = true) {
-        protocol.set_direct_dispatch(DirectDispatch::kAlways);
         std::thread accept([&] {
             board = std::make_unique<RawConnection>(listener.accept_one());
             board->read(2);

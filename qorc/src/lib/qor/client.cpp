@@ -6,11 +6,7 @@
 
 namespace qor {
 
-Client::Client() : m_protocol(new orvi::Protocol(1)) {
-    // Answers are routed by the connection's reader thread as they arrive:
-    // our proxies only record them and wake the waiting caller.
-    m_protocol->set_direct_dispatch(orvi::DirectDispatch::kAlways);
-}
+Client::Client() : m_protocol(new orvi::Protocol(1)) {}
 
 Client::~Client() {
     m_transport.reset();
