@@ -26,7 +26,7 @@ install(FILES ${CMAKE_BINARY_DIR}/qorc/gen/qor/protobuf/device/status.pb.h
   DESTINATION ${qorc_include_dest}/qor/protobuf/device COMPONENT dev)
 install(FILES rpc/orvi/protocol.h rpc/orvi/exceptions.h rpc/orvi/message.h rpc/orvi/proxy.h
               rpc/orvi/proxy_info.h rpc/orvi/transport.h rpc/orvi/mutex.h
-              rpc/orvi/thread_annotations.h
+              rpc/orvi/thread_annotations.h rpc/orvi/turn.h
   DESTINATION ${qorc_include_dest}/orvi COMPONENT dev)
 
 set(qorc_cmake_dest ${CMAKE_INSTALL_LIBDIR}/cmake/qorc)
