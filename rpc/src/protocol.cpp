@@ -131,16 +131,17 @@ unsigned int Protocol::new_client(Transport& transport) {
 }
 
 void Protocol::delete_client(unsigned int id) {
-    --m_stats.clients_active;
     std::shared_ptr<ClientInfo> peer = find_client(id);
     if (!peer) return;
     {
         MutexLock lock(peer->mutex);
+        // Told twice (by the reader, then by the record's release): once counts.
         if (peer->departing) return;
         // It takes no new proxies from now on, but what it sent before it
         // went is still routed: the loss is handled behind it.
         peer->departing = true;
     }
+    --m_stats.clients_active;
     RoutingJob loss;
     loss.lost = true;
     deliver(peer, std::move(loss));
