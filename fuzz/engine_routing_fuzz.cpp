@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         for (;;) {
             Message<BufferMutable> m;
-            if (decoder.read(source, m)) protocol.process_message(transport->id(), m);
+            if (decoder.read(source, m)) protocol.new_message(transport->id(), m);
         }
     } catch (const SimpleSocketException&) {
         // the end of the input

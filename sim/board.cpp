@@ -12,9 +12,6 @@ Board::Board(const Options& options, BoardState& state)
     m_bootDoneAt = std::chrono::steady_clock::now();
     if (!m_state.boot_done_at_start())
         m_bootDoneAt += std::chrono::milliseconds(options.boot_time_ms);
-    // Chunks and other follow-on messages are routed by the connection's
-    // reader; commands that may block (waiting for the boot) go to workers.
-    m_protocol->set_direct_dispatch(orvi::DirectDispatch::kFollowOn);
     register_commands();
 }
 

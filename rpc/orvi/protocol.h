@@ -1,33 +1,37 @@
 // The RPC engine: registry of transports, peers ("clients") and proxies,
-// routing of incoming messages (through a worker pool, or directly on the
-// transport's thread), and header stamping on send.
+// routing of incoming messages, and header stamping on send.
+//
+// Routing. Each peer (ClientInfo) has a queue and a turn (orvi/turn.h).
+// A message from a peer, and finally its loss, join the peer's queue; the
+// thread that holds the peer's turn routes what is queued, one at a time,
+// in arrival order. The thread that delivered a message takes the turn when
+// nobody holds it, and so routes on the spot: the transport's reader thread,
+// or a caller that reads its connection while it waits for its answer (see
+// caller_reads). A message that may start a handler that blocks (an opening
+// message, or the loss, in an engine that serves commands) is not routed
+// there: the turn is handed to a worker, which routes it and whatever queued
+// behind it. Routing without the turn fails the -Wthread-safety build.
 //
 // Threads:
-//  - workers (routing and every proxy's new_message);
 //  - the transports' own threads, through ProtocolTransportHandler
-//    (new_client, delete_client, new_message);
+//    (new_client, delete_client, new_message), and routing as above;
+//  - workers, started with the first turn handed to one;
 //  - application threads (add/remove transports, create proxies, send,
-//    wait, destroy).
-// A peer's loss is queued behind the messages already received from it and
-// handled by a worker in that order: a peer that answers and hangs up has
-// its answer processed first. Until then the peer is "departing": its
-// messages are still routed, but it takes no new proxies and gets no
+//    wait, destroy), which route too while they read their connection.
+// A lost peer stays in the client map, departing, until its loss is routed:
+// its messages are still routed, but it takes no new proxies and gets no
 // replies.
 //
-// Direct dispatch (set_direct_dispatch): a transport's thread routes a
-// message itself, instead of queueing it, when nothing of that peer is
-// queued or being routed. Either way a peer's messages are routed one at a
-// time, in the order they arrived. Worker threads start with the first
-// message that has to be queued.
-//
-// Lock order: m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
+// Lock order (declared below, checked with -Wthread-safety-beta):
+// m_clientsMutex -> m_transportsMutex -> ClientInfo::mutex;
 // ClientInfo::mutex -> m_commandsMutex -> m_proxyIdMutex;
-// a proxy's mutex -> m_clientsMutex. Each field below names its lock, and
-// clang's -Wthread-safety checks that it is held.
+// a proxy's mutex -> m_clientsMutex. A peer's turn is taken and given back
+// under its mutex, and held, with no mutex, while routing.
 // Public header: includes only other public headers.
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -40,6 +44,7 @@
 #include "orvi/mutex.h"
 #include "orvi/proxy.h"
 #include "orvi/transport.h"
+#include "orvi/turn.h"
 
 namespace orvi {
 
@@ -63,23 +68,22 @@ class ProtocolLifeHandler {
     std::atomic<Protocol*> m_protocol{nullptr};
 };
 
-// Which messages a transport's thread may route itself (see above).
-enum class DirectDispatch {
-    kNever,     // every message goes through the workers
-    kFollowOn,  // messages to a proxy that exists already: a board, whose
-                // opening messages may start commands that block
-    kAlways,    // every message and a peer's loss: a client, whose proxies
-                // never block the thread that feeds them
-};
-
 class Protocol {
   public:
+    // One peer: its queue, its turn and its proxies.
     struct ClientInfo {
-        ClientInfo(unsigned int client_id, std::weak_ptr<Transport> client_transport)
-            : id(client_id), transport(std::move(client_transport)) {}
+        ClientInfo(unsigned int client_id, std::weak_ptr<Transport> client_transport);
+        ~ClientInfo();
+        ClientInfo(const ClientInfo&) = delete;
+        ClientInfo& operator=(const ClientInfo&) = delete;
         const unsigned int id;
         const std::weak_ptr<Transport> transport;
         Mutex mutex;
+        // Whoever holds it routes what is queued; see above.
+        Turn turn;
+        std::list<RoutingJob> queue GUARDED_BY(mutex);
+        // Lost, with the loss queued behind its messages.
+        bool departing GUARDED_BY(mutex) = false;
         std::map<unsigned int, std::shared_ptr<Proxy>> proxy_map GUARDED_BY(mutex);
         // (remote id, local id) of every proxy in proxy_map whose peer is
         // known, so that an opening message finds its proxy without a scan.
@@ -135,17 +139,11 @@ class Protocol {
     void proxy_done(ProxyInfo& info);
     void forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message);
 
-    // Routing of one received message; runs on a worker.
-    void process_message(unsigned int client, const Message<BufferMutable>& message);
-    std::shared_ptr<Proxy> command_message(ClientInfo& client, Header& header)
-        REQUIRES(client.mutex);
-
-    // Set before the first transport is added.
-    void set_direct_dispatch(DirectDispatch mode) { m_direct = mode; }
     // Whether a waiting caller may read its connection itself (see
-    // Transport::read_until): only where every message is routed on the
-    // thread that reads it, so that its answer cannot end up elsewhere.
-    bool caller_reads() const { return m_direct.load() == DirectDispatch::kAlways; }
+    // Transport::read_until): only in an engine that serves no commands,
+    // where every message is routed by the thread that reads it, so that
+    // the caller's answer cannot end up on a worker.
+    bool caller_reads() const { return !m_servesCommands.load(); }
 
     // Commands a peer may have open here at once. The opening message of one
     // more is answered as undeliverable (NO_HANDLER), so a peer that opens
@@ -174,31 +172,30 @@ class Protocol {
     // Takes a proxy out of its client's maps.
     std::shared_ptr<Proxy> take_proxy(ClientInfo& client, unsigned int local_id)
         REQUIRES(client.mutex);
-    // A connected or departing client.
-    std::shared_ptr<ClientInfo> find_client_locked(unsigned int id, bool* departing = nullptr)
-        REQUIRES(m_clientsMutex);
-    // The same, its mutex locked hand over hand (the clients lock first,
-    // let go once the client's own is held), so that it cannot leave the
-    // maps in between. The caller takes the lock over with
-    // MutexLock(client->mutex, kAdoptUnseen).
-    std::shared_ptr<ClientInfo> lock_client(unsigned int id, bool* departing = nullptr)
-        EXCLUDES(m_clientsMutex);
-    // Routes `job` on this thread when the dispatch mode allows it and the
-    // pool has nothing of its peer under way; false (and nothing done)
-    // otherwise.
-    bool route_directly(RoutingJob& job);
-    void route(RoutingJob& job);
+    // The peer with this id, connected or departing.
+    std::shared_ptr<ClientInfo> find_client(unsigned int id) EXCLUDES(m_clientsMutex);
+    // Queues `job` for its peer and routes the queue if the turn is free.
+    void deliver(const std::shared_ptr<ClientInfo>& peer, RoutingJob job);
+    // Routes the peer's queue until it is empty, then gives the turn back;
+    // or hands the turn to a worker at a job that may block, unless this is
+    // a worker already.
+    void route_queue(const std::shared_ptr<ClientInfo>& peer, bool on_worker) RELEASE(peer->turn);
+    void route(ClientInfo& peer, RoutingJob& job) REQUIRES(peer.turn);
+    void process_message(ClientInfo& peer, const RoutingJob& job) REQUIRES(peer.turn);
+    std::shared_ptr<Proxy> command_message(ClientInfo& client, const Header& header)
+        REQUIRES(client.mutex);
+    bool may_block(const RoutingJob& job) const;
     // Tells the proxies of a departed client that it is gone.
-    void client_gone(unsigned int id);
+    void client_gone(ClientInfo& peer) REQUIRES(peer.turn);
     void reply_no_handler(const std::shared_ptr<Transport>& transport, unsigned int client,
                           const Header& incoming);
 
     Stats m_stats;
 
-    Mutex m_commandsMutex;
+    Mutex m_commandsMutex ACQUIRED_BEFORE(m_proxyIdMutex);
     std::map<std::string, std::shared_ptr<ProxyFactory>> m_commandMap GUARDED_BY(m_commandsMutex);
 
-    Mutex m_transportsMutex;
+    Mutex m_transportsMutex ACQUIRED_AFTER(m_clientsMutex);
     std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> m_transportMap
         GUARDED_BY(m_transportsMutex);
     // Every handler given out, also those of removed transports, whose
@@ -211,13 +208,12 @@ class Protocol {
 
     Mutex m_clientsMutex;
     std::map<unsigned int, std::shared_ptr<ClientInfo>> m_clientMap GUARDED_BY(m_clientsMutex);
-    // Lost, with their loss still queued behind their messages.
-    std::map<unsigned int, std::shared_ptr<ClientInfo>> m_departingMap GUARDED_BY(m_clientsMutex);
 
-    // Routes what a transport's thread does not route itself.
+    // Route the peers whose turn was handed to them.
     const std::unique_ptr<WorkerPool> m_pool;
     std::atomic<size_t> m_maxHandlersPerClient{kDefaultMaxHandlersPerClient};
-    std::atomic<DirectDispatch> m_direct{DirectDispatch::kNever};
+    // Set by the first add_command.
+    std::atomic<bool> m_servesCommands{false};
 
     Mutex m_proxyIdMutex;
     unsigned int m_lastProxyId GUARDED_BY(m_proxyIdMutex) = 0;

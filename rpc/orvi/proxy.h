@@ -1,9 +1,11 @@
 // Proxies: one end of one command exchange.
 //
-// Threads: new_message, set_no_handler and client_lost run on the engine's
-// worker threads (one message of a client at a time); wait() and the sends of
-// a client proxy run on the application thread. Proxies are always held by
-// std::shared_ptr and are not copyable.
+// Threads: new_message, set_no_handler and client_lost run on whichever
+// thread holds the peer's turn (orvi/protocol.h): the connection's reader
+// thread, a caller that reads while it waits, or a worker; one message of a
+// peer at a time. wait() and the sends of a client proxy run on the
+// application thread. Proxies are always held by std::shared_ptr and are not
+// copyable.
 // Public header: includes only other public headers.
 #pragma once
 
@@ -65,8 +67,8 @@ class ProxyCommand : public Proxy {
 };
 
 // The calling side. The application thread sends and then blocks in wait();
-// answers reach process_message on the thread that routes them: a worker,
-// the connection's reader, or the waiting application thread itself.
+// answers reach process_message on the thread that holds the peer's turn:
+// the waiting application thread itself, or the connection's reader.
 class ProxyCommandClient : public ProxyCommand {
   public:
     using ProxyCommand::ProxyCommand;
@@ -90,7 +92,7 @@ class ProxyCommandClient : public ProxyCommand {
     Mutex m_mutex;
     CondVar m_cond;
     // Set, under m_mutex, when the command ends; read without the lock by a
-    // waiter that spins before it parks.
+    // waiter that reads its own answer.
     std::atomic<bool> m_ended{false};
     std::string m_exception GUARDED_BY(m_mutex);
     bool m_noHandler GUARDED_BY(m_mutex) = false;

@@ -1,7 +1,9 @@
 // Lock rules that the compiler checks. Clang's -Wthread-safety reads these
 // attributes; other compilers see nothing. Fields say which mutex guards
 // them (GUARDED_BY), functions which mutex they need held (REQUIRES) or must
-// not be called with (EXCLUDES). Includes only standard headers.
+// not be called with (EXCLUDES), and mutexes the order in which they are
+// taken (ACQUIRED_BEFORE/ACQUIRED_AFTER; checked with -Wthread-safety-beta).
+// Includes only standard headers.
 // Public header: includes only other public headers.
 #pragma once
 
@@ -26,6 +28,9 @@
 #ifndef ACQUIRED_BEFORE
 #define ACQUIRED_BEFORE(...) ORVI_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 #endif
+#ifndef ACQUIRED_AFTER
+#define ACQUIRED_AFTER(...) ORVI_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
+#endif
 #ifndef REQUIRES
 #define REQUIRES(...) ORVI_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #endif
@@ -34,6 +39,9 @@
 #endif
 #ifndef RELEASE
 #define RELEASE(...) ORVI_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#endif
+#ifndef TRY_ACQUIRE
+#define TRY_ACQUIRE(...) ORVI_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #endif
 #ifndef EXCLUDES
 #define EXCLUDES(...) ORVI_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))

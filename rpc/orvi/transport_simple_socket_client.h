@@ -17,7 +17,6 @@ namespace orvi {
 
 namespace simple_socket {
 class InfoClient;
-class ReadTurn;
 class WakeEvent;
 }  // namespace simple_socket
 
@@ -26,7 +25,9 @@ class WakeEvent;
 // the owner disconnects (it then throws "TransportSocket not connected").
 // Sends are whole-frame atomic (the connection record serialises them).
 //
-// Who reads: one thread at a time, in turn (simple_socket::ReadTurn).
+// Who reads: one thread at a time, whoever holds the connection's read turn
+// (simple_socket::ReadTurn, checked by the compiler), and that thread also
+// hands each frame to the engine, which routes it there (orvi/protocol.h).
 //  - A caller in read_until, while it waits for its own answer: it blocks in
 //    the read itself and delivers every frame that comes, in order, on its
 //    own thread, until its answer is in. It takes the turn at once, bringing
@@ -84,8 +85,7 @@ class TransportSimpleSocketClient : public TransportClient {
     std::string m_bind;
 
   private:
-    void worker(std::shared_ptr<simple_socket::InfoClient> info,
-                std::shared_ptr<simple_socket::ReadTurn> turn);
+    void worker(std::shared_ptr<simple_socket::InfoClient> info);
     std::shared_ptr<simple_socket::InfoClient> socket() const;
     // Empties m_socketPtr and hands the record out, to be released with no
     // lock held: its destructor reports the lost client to the handler. A
@@ -103,8 +103,6 @@ class TransportSimpleSocketClient : public TransportClient {
     std::weak_ptr<TransportHandler> m_handler;
     // Wakes the reader at once on stop_serve, or when a caller wants to read.
     std::unique_ptr<simple_socket::WakeEvent> m_wake;
-    // The turn to read, made anew by start_serve.
-    std::shared_ptr<simple_socket::ReadTurn> m_turn GUARDED_BY(m_socketMutex);
     // The reader failed or the peer is gone: logs `line` (unless null) and
     // tells the handler, once.
     void report_broken(const std::shared_ptr<simple_socket::InfoClient>& info, const char* line);

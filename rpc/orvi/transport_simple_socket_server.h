@@ -50,7 +50,8 @@ class TransportSimpleSocketServer : public Transport {
     void set_handshake_answer(unsigned char version) { m_handshakeAnswer = version; }
     // Off by default, as on a board.
     void set_nodelay(bool on) { m_nodelay = on; }
-    // Each piece of a frame in a write of its own; see ProtocolBase.
+    // Each piece of a frame in a write of its own; the bytes on the wire are
+    // the same.
     void set_split_writes(bool on) { m_splitWrites = on; }
     // How long a new connection may take to send its two handshake bytes.
     void set_handshake_timeout_ms(int ms) { m_handshakeTimeoutMs = ms; }
@@ -90,7 +91,6 @@ class TransportSimpleSocketServer : public Transport {
     // when retrying at once would only fail again.
     void accept_failed(int error);
     void serve_client(int fd, Reader* self);
-    bool handshake(simple_socket::ProtocolV1& protocol, int fd);
     void reap_finished_readers();
 
     std::string m_host;

@@ -1,16 +1,24 @@
-// Orderings and lifetimes that real peers provoke: a peer that answers and
-// hangs up at once, an answer inside the DONE, a transport that outlives its
-// engine, a reader stopped in the middle of a frame, a send racing a
+// The engine as a client runs it, against a board on raw sockets: a caller
+// reads its own answer (TransportSimpleSocketClient::read_until), taking the
+// socket from the reader thread and going on from the same byte; and the
+// orderings and lifetimes that real boards provoke: an answer followed at
+// once by a hang-up, an answer inside the DONE, a transport that outlives
+// its engine, a reader stopped in the middle of a frame, a send racing a
 // disconnect. Run under ASan and TSan, which see what the checks cannot.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "loopback.h"
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_client.h"
+#include "testing/captured_output.h"
 #include "testing/recording_handler.h"
+#include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
@@ -19,29 +27,15 @@ using support::hex;
 using support::RawConnection;
 using support::RawListener;
 
-// Takes its time over each answer body, so that a waiter released too early
-// would see nothing.
-struct SlowCall : ProxyCommandClient {
-    using ProxyCommandClient::ProxyCommandClient;
-    std::string reply;
-    void process_message(const char* data, unsigned int size) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        reply.assign(data, size);
-    }
-    std::string execute() {
-        send_message("x", 1);
-        wait();
-        return reply;
-    }
-};
-
 // A peer on raw sockets: the handshake, then whole frames read blindly.
 struct Peer {
     RawListener listener;
     std::unique_ptr<RawConnection> conn;
 
-    std::shared_ptr<TransportSimpleSocketClient> connect() {
-        auto t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+    std::shared_ptr<TransportSimpleSocketClient> connect(
+        std::shared_ptr<TransportSimpleSocketClient> t = nullptr) {
+        if (!t)
+            t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
         std::thread accept([&] {
             conn = std::make_unique<RawConnection>(listener.accept_one());
             conn->read(2);
@@ -51,14 +45,135 @@ struct Peer {
         accept.join();
         return t;
     }
-    void read_frame() {
-        const auto count = static_cast<unsigned char>(conn->read(1)[0]);
-        for (unsigned i = 0; i < count; ++i) {
-            const std::string len = conn->read(4);
-            conn->read((uint8_t(len[2]) << 8) | uint8_t(len[3]));
-        }
+};
+
+struct Call : ProxyCommandClient {
+    using ProxyCommandClient::ProxyCommandClient;
+    std::string reply;
+    std::thread::id routed_on;
+    // Takes its time over each answer body, so that a waiter released too
+    // early would see nothing.
+    bool slow = false;
+    void process_message(const char* data, unsigned int size) override {
+        if (slow) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        reply.assign(data, size);
+        routed_on = std::this_thread::get_id();
     }
 };
+
+// A client engine, as qor::Client sets it up, and a raw board.
+struct Session {
+    Peer peer;  // outlives the engine
+    Protocol protocol{1};
+    std::unique_ptr<RawConnection>& board = peer.conn;
+    explicit Session(bool idleReader = true) {
+        auto t =
+            std::make_shared<TransportSimpleSocketClient>("127.0.0.1", peer.listener.port_text());
+        t->set_idle_reader(idleReader);
+        protocol.add_transport(peer.connect(t));
+    }
+    // Reads the opening frame of command `name` with an empty body.
+    void read_opening(const std::string& name) {
+        const std::string header = hex("08 00 10 01 1a") + char(name.size()) + name;
+        const std::string frame =
+            hex("03 000000") + char(header.size()) + header + hex("00000002 0800 00000000");
+        ASSERT_EQ(board->read(frame.size()), frame);
+    }
+    // Calls "ask" and waits for its end. Returns the failure text, empty
+    // when the call succeeded.
+    std::string ask(std::shared_ptr<Call>& call, bool slow = false) {
+        call = protocol.create_command_proxy<Call>("ask");
+        call->slow = slow;
+        try {
+            call->send_message(nullptr, 0);
+            call->wait();
+        } catch (const ProxyCommandException& e) {
+            return e.what();
+        }
+        return "";
+    }
+    // The same while the board, on a thread of its own, reads the opening
+    // and then does `then`.
+    std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then,
+                    bool slow = false) {
+        std::thread board_side([&] {
+            read_opening("ask");
+            then();
+        });
+        const std::string error = ask(call, slow);
+        board_side.join();
+        return error;
+    }
+};
+
+// Header{COMMAND, source 5, dest 1}, CommandHeader{DONE}, "hi".
+const std::string kAnswer = hex("03 00000006 0800 1005 2001 00000002 0801 00000002 6869");
+
+TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
+    Session s;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call,
+                    [&] {
+                        // Late enough that the caller is waiting: an answer
+                        // that comes before is the reader thread's to deliver.
+                        usleep(50000);
+                        s.board->write(kAnswer);
+                    }),
+              "");
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(call->routed_on, std::this_thread::get_id());
+}
+
+TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
+    Session s;
+    // Idle long enough for the reader thread to watch the socket; it reads
+    // the start of a frame (a refusal for nobody) and waits for the rest.
+    usleep(100000);
+    const std::string refusal = hex("01 00000004 0801 2063");
+    s.board->write(refusal.substr(0, 3));
+    usleep(50000);
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->write(refusal.substr(3) + kAnswer); }), "");
+    EXPECT_EQ(call->reply, "hi");
+}
+
+TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
+    Session s;
+    testing::CapturedOutput log;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->close(); }), "Connection lost");
+    usleep(100000);  // the reader thread's turn comes and goes
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+}
+
+// Without an idle reader, what comes between calls waits for the next caller,
+// who delivers it in order before its own answer.
+TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
+    const size_t before = testing::thread_count_baseline();
+    Session s(false);
+    EXPECT_EQ(testing::thread_count_reaching(before),
+              before);                             // no reader, and workers start when needed
+    s.board->write(hex("01 00000004 0801 2063"));  // a refusal for nobody
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().messages_processed, 0u);
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.board->write(kAnswer); }), "");
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(s.protocol.stats().messages_processed, 2u);  // the refusal, then the answer
+}
+
+TEST(CallerReads, WithoutAnIdleReaderALossBetweenCallsIsFoundByTheNextOne) {
+    Session s(false);
+    s.board->close();
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().clients_active, 1u);  // nobody has looked yet
+    testing::CapturedOutput log;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call), "Connection lost");
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+}
 
 // Header to proxy 1 from proxy 2, then a command header, then the body.
 const std::string kData = hex("03 00000006 080010022001 00000002 0800 00000002 6869");
@@ -71,30 +186,35 @@ const std::string kEmptyExceptionWithBody =
 // One command against a peer that reads the request and answers `reply`,
 // then hangs up if told to; returns what the caller got.
 std::string call_answered_by(const std::string& reply, bool hang_up) {
-    Peer peer;
-    Protocol protocol(1);
-    protocol.add_transport(peer.connect());
-    auto call = protocol.create_command_proxy<SlowCall>("cmd");
-    std::thread board([&] {
-        peer.read_frame();
-        peer.conn->write(reply);
-        if (hang_up) peer.conn->close();
-    });
-    const std::string got = call->execute();
-    board.join();
-    return got;
+    Session s;
+    std::shared_ptr<Call> call;
+    const std::string error = s.ask(
+        call,
+        [&] {
+            s.board->write(reply);
+            if (hang_up) s.board->close();
+        },
+        true);
+    return error.empty() ? call->reply : error;
 }
 
-TEST(EngineHazards, AnswerThenHangUpIsNeverALostConnection) {
-    for (int run = 0; run < 30; ++run) {
-        EXPECT_EQ(call_answered_by(kData + kDone, true), "hi") << "run " << run;
+// A complete answer is never lost: not to a hang-up right behind it, nor to
+// a waiter released before the body that rides on the end is processed.
+TEST(EngineHazards, ACompleteAnswerIsInPlaceWhenWaitReturns) {
+    const struct {
+        std::string reply;
+        bool hang_up;
+        int runs;
+    } cases[] = {{kData + kDone, true, 30},
+                 {kDoneWithBody, false, 1},
+                 {kEmptyExceptionWithBody, false, 1},
+                 {kDoneWithBody, true, 1}};
+    for (const auto& c : cases) {
+        for (int run = 0; run < c.runs; ++run) {
+            EXPECT_EQ(call_answered_by(c.reply, c.hang_up), "hi")
+                << support::to_hex(c.reply) << " hang up " << c.hang_up << " run " << run;
+        }
     }
-}
-
-TEST(EngineHazards, AnswerInsideTheDoneIsProcessedBeforeWaitReturns) {
-    EXPECT_EQ(call_answered_by(kDoneWithBody, false), "hi");
-    EXPECT_EQ(call_answered_by(kEmptyExceptionWithBody, false), "hi");
-    EXPECT_EQ(call_answered_by(kDoneWithBody, true), "hi");
 }
 
 // The connection record of a removed transport reports its lost client

@@ -8,6 +8,7 @@
 #include "envelope/header.pb.h"
 #include "orvi/log_line.h"
 #include "protocol_transport_handler.h"
+#include "routing_job.h"
 #include "worker_pool.h"
 
 namespace orvi {
@@ -21,8 +22,12 @@ namespace {
 ProtoBufCleanup protoBufCleanup;
 }  // namespace
 
-Protocol::Protocol(size_t workers)
-    : m_pool(new WorkerPool(workers, [this](RoutingJob& job) { route(job); })) {}
+Protocol::ClientInfo::ClientInfo(unsigned int client_id, std::weak_ptr<Transport> client_transport)
+    : id(client_id), transport(std::move(client_transport)) {}
+
+Protocol::ClientInfo::~ClientInfo() = default;
+
+Protocol::Protocol(size_t workers) : m_pool(new WorkerPool(workers)) {}
 
 Protocol::~Protocol() {
     std::map<std::shared_ptr<Transport>, std::shared_ptr<TransportInfo>> transports;
@@ -32,7 +37,7 @@ Protocol::~Protocol() {
         transports.swap(m_transportMap);
         given.swap(m_handlersGiven);
     }
-    // Once the handlers are cleared nothing new reaches the queue, so the
+    // Once the handlers are cleared nothing new reaches a queue, so the
     // workers can be told to stop now and wind down while the transports'
     // threads are joined. Handlers of removed transports are cleared too:
     // their connection records may report a lost client later.
@@ -99,6 +104,8 @@ std::shared_ptr<Transport> Protocol::get_proxy_transport(const ProxyInfo& info) 
     if (it == m_clientMap.end()) return nullptr;
     MutexLock transports(m_transportsMutex);
     MutexLock client(it->second->mutex);
+    // A departed peer gets nothing more.
+    if (it->second->departing) return nullptr;
     return it->second->transport.lock();
 }
 
@@ -124,38 +131,36 @@ unsigned int Protocol::new_client(Transport& transport) {
 }
 
 void Protocol::delete_client(unsigned int id) {
-    --m_stats.clients_active;
+    std::shared_ptr<ClientInfo> peer = find_client(id);
+    if (!peer) return;
     {
-        MutexLock lock(m_clientsMutex);
-        auto it = m_clientMap.find(id);
-        if (it == m_clientMap.end()) return;
+        MutexLock lock(peer->mutex);
+        // Told twice (by the reader, then by the record's release): once counts.
+        if (peer->departing) return;
         // It takes no new proxies from now on, but what it sent before it
-        // went is still routed: the loss is handled behind it, by a worker.
-        m_departingMap[id] = std::move(it->second);
-        m_clientMap.erase(it);
+        // went is still routed: the loss is handled behind it.
+        peer->departing = true;
     }
-    RoutingJob loss{id, Message<BufferMutable>(), true};
-    if (!route_directly(loss)) m_pool->submit(std::move(loss));
+    --m_stats.clients_active;
+    RoutingJob loss;
+    loss.lost = true;
+    deliver(peer, std::move(loss));
 }
 
-void Protocol::client_gone(unsigned int id) {
-    std::shared_ptr<ClientInfo> client;
+void Protocol::client_gone(ClientInfo& peer) {
     {
         MutexLock lock(m_clientsMutex);
-        auto it = m_departingMap.find(id);
-        if (it == m_departingMap.end()) return;
-        client = std::move(it->second);
-        m_departingMap.erase(it);
+        m_clientMap.erase(peer.id);
     }
-    // Out of both maps, so nobody else can reach its proxies. They are told
+    // Out of the map, so nobody else can reach its proxies. They are told
     // with no lock held: client_lost ends in proxy_done, which takes the
     // clients lock.
     std::map<unsigned int, std::shared_ptr<Proxy>> proxies;
     {
-        MutexLock lock(client->mutex);
-        proxies.swap(client->proxy_map);
-        client->by_remote.clear();
-        client->handlers = 0;
+        MutexLock lock(peer.mutex);
+        proxies.swap(peer.proxy_map);
+        peer.by_remote.clear();
+        peer.handlers = 0;
     }
     for (auto& entry : proxies) {
         --m_stats.proxies_active;
@@ -163,25 +168,10 @@ void Protocol::client_gone(unsigned int id) {
     }
 }
 
-std::shared_ptr<Protocol::ClientInfo> Protocol::lock_client(unsigned int id, bool* departing)
-    NO_THREAD_SAFETY_ANALYSIS {
+std::shared_ptr<Protocol::ClientInfo> Protocol::find_client(unsigned int id) {
     MutexLock clients(m_clientsMutex);
-    std::shared_ptr<ClientInfo> client = find_client_locked(id, departing);
-    if (client) client->mutex.lock();
-    return client;
-}
-
-std::shared_ptr<Protocol::ClientInfo> Protocol::find_client_locked(unsigned int id,
-                                                                   bool* departing) {
     auto it = m_clientMap.find(id);
-    if (it != m_clientMap.end()) {
-        if (departing) *departing = false;
-        return it->second;
-    }
-    auto gone = m_departingMap.find(id);
-    if (gone == m_departingMap.end()) return nullptr;
-    if (departing) *departing = true;
-    return gone->second;
+    return it == m_clientMap.end() ? nullptr : it->second;
 }
 
 unsigned int Protocol::get_new_proxy_id() {
@@ -192,18 +182,13 @@ unsigned int Protocol::get_new_proxy_id() {
 std::shared_ptr<ProxyInfo> Protocol::create_client_proxy_info(unsigned int client,
                                                               unsigned int proxy_id,
                                                               const std::string& name) {
-    auto info = std::make_shared<ProxyInfo>();
-    info->protocol = this;
-    info->kind = ProxyInfo::CLIENT;
-    info->client_id = client;
-    info->name = name;
-    info->local_id = proxy_id;
-    return info;
+    return std::make_shared<ProxyInfo>(this, ProxyInfo::CLIENT, client, name, proxy_id);
 }
 
 void Protocol::add_command(const std::string& name, const std::shared_ptr<ProxyFactory>& factory) {
     MutexLock lock(m_commandsMutex);
     m_commandMap[name] = factory;
+    m_servesCommands = true;
 }
 
 void Protocol::register_life_handler(ProtocolLifeHandler* handler) {
@@ -225,14 +210,22 @@ void Protocol::unregister_life_handler(ProtocolLifeHandler* handler) {
 
 void Protocol::bind_client_proxy(const std::shared_ptr<Proxy>& proxy, const char* name) {
     MutexLock lock(m_clientsMutex);
-    const size_t n = m_clientMap.size();
+    // Departing peers do not count: they take no new proxies.
+    ClientInfo* first = nullptr;
+    size_t n = 0;
+    for (auto& entry : m_clientMap) {
+        MutexLock peerLock(entry.second->mutex);
+        if (entry.second->departing) continue;
+        if (!first) first = entry.second.get();
+        ++n;
+    }
     if (n != 1) {
         // Kept as is: the text that users have always been shown.
         const std::string text = "clientMap.size() == " + std::to_string(n);
         log_error((n == 0 ? "Error: " : "Warning: ") + text);
         if (n == 0) throw ProtocolException(text);
     }
-    ClientInfo& client = *m_clientMap.begin()->second;
+    ClientInfo& client = *first;
     const unsigned int id = get_new_proxy_id();
     proxy->attach(create_client_proxy_info(client.id, id, name));
     {
@@ -287,9 +280,9 @@ void Protocol::proxy_done(ProxyInfo& info) {
         MutexLock state(info.state_mutex);
         info.done = true;
     }
-    std::shared_ptr<ClientInfo> client = lock_client(info.client_id);
+    std::shared_ptr<ClientInfo> client = find_client(info.client_id);
     if (!client) return;
-    MutexLock clientLock(client->mutex, kAdoptUnseen);
+    MutexLock clientLock(client->mutex);
     std::shared_ptr<Proxy> leaving = take_proxy(*client, info.local_id);
     clientLock.unlock();
     // `leaving` may be the last owner; it goes after the lock is released.

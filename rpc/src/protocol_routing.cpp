@@ -1,89 +1,114 @@
-// The engine's routing of incoming messages: on the transport's thread when
-// the peer has nothing under way (direct dispatch), otherwise through the
-// worker pool; then to the proxy they are for, or a new handler proxy.
+// The engine's routing of incoming messages: each joins its peer's queue,
+// which the holder of the peer's turn routes, to the proxy it is for or a
+// new handler proxy.
 #include <climits>
 #include <string>
 
 #include "envelope/header.pb.h"
 #include "orvi/log_line.h"
 #include "orvi/protocol.h"
+#include "routing_job.h"
 #include "worker_pool.h"
 
 namespace orvi {
 
 void Protocol::new_message(unsigned int id, Message<BufferMutable>& message) {
-    RoutingJob job{id, std::move(message)};
-    if (!route_directly(job)) m_pool->submit(std::move(job));
-}
-
-bool Protocol::route_directly(RoutingJob& item) {
-    const DirectDispatch mode = m_direct.load();
-    if (mode == DirectDispatch::kNever) return false;
-    if (mode == DirectDispatch::kFollowOn) {
-        // Only a message to a proxy that exists: an opening message may
-        // start a command that blocks its thread, and a loss may reach one.
-        if (item.lost || item.message.size() == 0) return false;
-        Header header;
-        const BufferMutable& first = item.message[0];
-        if (first.size > INT_MAX ||
-            !header.ParseFromArray(first.data, static_cast<int>(first.size)) ||
-            header.message_type() != Header::COMMAND || !header.has_proxy_dest()) {
-            return false;
-        }
-        MutexLock clients(m_clientsMutex);
-        std::shared_ptr<ClientInfo> client = find_client_locked(item.peer);
-        if (!client) return false;
-        MutexLock lock(client->mutex);
-        if (client->proxy_map.count(header.proxy_dest()) == 0) return false;
+    std::shared_ptr<ClientInfo> peer = find_client(id);
+    if (!peer) return;
+    RoutingJob job;
+    job.message = std::move(message);
+    // Parsed here, once. Parse failures are not checked: what could be read
+    // is routed as is.
+    if (job.message.size() != 0) {
+        const BufferMutable& first = job.message[0];
+        if (first.size <= INT_MAX)
+            job.header.ParseFromArray(first.data, static_cast<int>(first.size));
     }
-    return m_pool->run_here(item);
+    deliver(peer, std::move(job));
 }
 
-void Protocol::route(RoutingJob& item) {
+void Protocol::deliver(const std::shared_ptr<ClientInfo>& peer, RoutingJob job) {
+    {
+        MutexLock lock(peer->mutex);
+        peer->queue.push_back(std::move(job));
+        // Busy: the holder routes it after what it has.
+        if (!peer->turn.try_take()) return;
+    }
+    route_queue(peer, false);
+}
+
+bool Protocol::may_block(const RoutingJob& job) const {
+    // An engine that serves no commands runs no handler.
+    if (!m_servesCommands.load()) return false;
+    return job.lost || (job.message.size() != 0 && job.header.message_type() == Header::COMMAND &&
+                        !job.header.has_proxy_dest());
+}
+
+void Protocol::route_queue(const std::shared_ptr<ClientInfo>& peer, bool on_worker) {
+    for (;;) {
+        RoutingJob job;
+        {
+            MutexLock lock(peer->mutex);
+            if (peer->queue.empty()) {
+                peer->turn.give_back();
+                return;
+            }
+            if (!on_worker && may_block(peer->queue.front())) {
+                // The worker routes this job and what queues behind it.
+                peer->turn.hand_off();
+                lock.unlock();
+                std::shared_ptr<ClientInfo> handed = peer;
+                m_pool->submit([this, handed]() {
+                    handed->turn.resume();
+                    route_queue(handed, true);
+                });
+                return;
+            }
+            job = std::move(peer->queue.front());
+            peer->queue.pop_front();
+        }
+        route(*peer, job);
+    }
+}
+
+void Protocol::route(ClientInfo& peer, RoutingJob& job) {
     try {
-        if (item.lost) {
-            client_gone(item.peer);
+        if (job.lost) {
+            client_gone(peer);
         } else {
-            process_message(item.peer, item.message);
+            process_message(peer, job);
         }
     } catch (const std::exception& e) {
-        log_error("Exception while processing message for client " + std::to_string(item.peer) +
+        log_error("Exception while processing message for client " + std::to_string(peer.id) +
                   ": " + e.what());
     } catch (...) {
         log_error("Unknown exception while processing message for client " +
-                  std::to_string(item.peer));
+                  std::to_string(peer.id));
     }
-    item.message = Message<BufferMutable>();
 }
 
 void Protocol::forward_message_to_proxy(Proxy& proxy, const Message<BufferMutable>& message) {
     proxy.new_message(message.begin() + 1, message.end());
 }
 
-void Protocol::process_message(unsigned int id, const Message<BufferMutable>& message) {
+void Protocol::process_message(ClientInfo& client, const RoutingJob& job) {
     ++m_stats.messages_processed;
+    const Message<BufferMutable>& message = job.message;
     if (message.size() == 0) return;
-    bool departing = false;
-    std::shared_ptr<ClientInfo> client = lock_client(id, &departing);
-    if (!client) return;
-    MutexLock clientLock(client->mutex, kAdoptUnseen);
-
-    // Parse failures are not checked: what could be read is routed as is.
-    Header header;
-    const BufferMutable& first = message[0];
-    if (first.size <= INT_MAX) header.ParseFromArray(first.data, static_cast<int>(first.size));
+    const Header& header = job.header;
+    MutexLock clientLock(client.mutex);
 
     if (header.message_type() == Header::COMMAND) {
-        std::shared_ptr<Proxy> proxy = command_message(*client, header);
+        std::shared_ptr<Proxy> proxy = command_message(client, header);
         if (proxy) {
-            learn_remote(*client, *proxy->info(), header.proxy_source());
+            learn_remote(client, *proxy->info(), header.proxy_source());
             clientLock.unlock();
             forward_message_to_proxy(*proxy, message);
             return;
         }
     } else if (header.message_type() == Header::NO_HANDLER) {
-        auto it = client->proxy_map.find(header.proxy_dest());
-        if (it != client->proxy_map.end()) {
+        auto it = client.proxy_map.find(header.proxy_dest());
+        if (it != client.proxy_map.end()) {
             std::shared_ptr<Proxy> proxy = it->second;
             clientLock.unlock();
             proxy->set_no_handler();
@@ -91,15 +116,15 @@ void Protocol::process_message(unsigned int id, const Message<BufferMutable>& me
         return;
     }
     // A departed peer cannot be answered.
-    if (departing) return;
+    if (client.departing) return;
     // Sent with no lock held: a send may release the connection and so
     // reach delete_client, which takes the clients lock.
-    std::shared_ptr<Transport> transport = client->transport.lock();
+    std::shared_ptr<Transport> transport = client.transport.lock();
     clientLock.unlock();
-    reply_no_handler(transport, id, header);
+    reply_no_handler(transport, client.id, header);
 }
 
-std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& header) {
+std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, const Header& header) {
     if (header.has_proxy_dest()) {
         auto it = client.proxy_map.find(header.proxy_dest());
         if (it != client.proxy_map.end()) return it->second;
@@ -132,12 +157,7 @@ std::shared_ptr<Proxy> Protocol::command_message(ClientInfo& client, Header& hea
     }
     const unsigned int id = get_new_proxy_id();
     std::shared_ptr<Proxy> proxy = (*factory->second)(*this);
-    auto info = std::make_shared<ProxyInfo>();
-    info->protocol = this;
-    info->kind = ProxyInfo::HANDLER;
-    info->client_id = client.id;
-    info->name = header.name();
-    info->local_id = id;
+    auto info = std::make_shared<ProxyInfo>(this, ProxyInfo::HANDLER, client.id, header.name(), id);
     {
         // Nobody else sees it yet; locked all the same, as the rule says.
         MutexLock state(info->state_mutex);

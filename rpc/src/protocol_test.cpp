@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "envelope/header.pb.h"
+#include "envelope/proxy/command_header.pb.h"
 #include "loopback.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "orvi/transport_simple_socket_server.h"
@@ -63,12 +64,34 @@ struct Hangs : ProxyCommandHandler {
     void process_message(const char*, unsigned int) override { g_hanging = true; }
 };
 
+// Answers with the request inside its DONE, then hangs up, as a board does
+// when it reboots.
+testing::PipeEnd* g_hangUp = nullptr;
+struct AnswersAndHangsUp : ProxyCommandHandler {
+    using ProxyCommandHandler::ProxyCommandHandler;
+    void process_message(const char* data, unsigned int size) override {
+        CommandHeader done;
+        done.set_status(CommandHeader::DONE);
+        MessageConst body;
+        body.push_back(BufferConst(data, size));
+        send_message(done, body);
+        Proxy::set_done();
+        g_hangUp->close();
+    }
+};
+
 // --- the calling side -----------------------------------------------------
 
 struct Call : ProxyCommandClient {
     using ProxyCommandClient::ProxyCommandClient;
     std::string reply;
-    void process_message(const char* data, unsigned int size) override { reply.assign(data, size); }
+    // Takes its time over each answer body, so that a waiter released too
+    // early would see nothing.
+    bool slow = false;
+    void process_message(const char* data, unsigned int size) override {
+        if (slow) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        reply.assign(data, size);
+    }
     std::string execute(const std::string& body) {
         send_message(body.data(), static_cast<unsigned int>(body.size()));
         wait();
@@ -81,6 +104,8 @@ void add_test_commands(Protocol& protocol) {
     protocol.add_command("fails", std::make_shared<ProxyFactoryTpl<Fails>>());
     protocol.add_command("count", std::make_shared<ProxyFactoryTpl<Counter>>());
     protocol.add_command("hangs", std::make_shared<ProxyFactoryTpl<Hangs>>());
+    protocol.add_command("answer_and_hang_up",
+                         std::make_shared<ProxyFactoryTpl<AnswersAndHangsUp>>());
 }
 
 // A serving engine behind a real socket, for the tests of exact bytes.
@@ -180,6 +205,18 @@ TEST(Engines, DroppedConnectionLosesTheCommand) {
     // With the peer gone there is nobody to bind to.
     EXPECT_EQ(failure<ProtocolException>([&] { p.client.call("echo", "x"); }),
               "clientMap.size() == 0");
+}
+
+// The answer inside the DONE is in place when wait() returns, and the
+// hang-up right behind it is handled after it: never "Connection lost".
+TEST(Engines, AnAnswerInsideTheDoneThenAHangUpIsAllThere) {
+    for (int run = 0; run < 10; ++run) {
+        Pair p;
+        g_hangUp = p.server.end.get();
+        auto call = p.client.protocol.create_command_proxy<Call>("answer_and_hang_up");
+        call->slow = true;
+        EXPECT_EQ(call->execute("hi"), "hi") << "run " << run;
+    }
 }
 
 TEST(Engines, NoPeerAndTwoPeers) {

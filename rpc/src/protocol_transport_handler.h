@@ -1,6 +1,7 @@
 // The engine's side of the transport interface: what a transport calls.
-// Threads: the transports' own threads call in; the engine's owner clears
-// it when the engine goes.
+// Threads: the transports' own threads call in, and so does a caller that
+// reads its connection while it waits; the engine's owner clears it when the
+// engine goes.
 #pragma once
 
 #include "orvi/mutex.h"

@@ -3,13 +3,10 @@
 #include "envelope/proxy/command_header.pb.h"
 #include "orvi/exceptions.h"
 #include "orvi/protocol.h"
-#include "spin_wait.h"
 
 namespace orvi {
 
 namespace {
-
-constexpr int kWaitSpinMicros = 200;
 
 bool parse_command_header(CommandHeader& header, const BufferMutable& buffer) {
     return buffer.size <= INT_MAX &&
@@ -126,16 +123,12 @@ void ProxyCommandClient::client_lost(const std::string& reason) {
 
 void ProxyCommandClient::wait() {
     // Where the engine routes on the reading thread, the waiting thread reads
-    // the connection itself: its answer needs no hand-off to reach it.
+    // the connection itself and routes its answer: no hand-off to reach it.
     if (!m_ended.load(std::memory_order_acquire) && protocol().caller_reads()) {
         if (std::shared_ptr<Transport> transport = protocol().get_proxy_transport(*info())) {
             transport->read_until([this] { return m_ended.load(std::memory_order_acquire); });
         }
     }
-    // Most answers come back within a short round trip; catch them without
-    // parking the thread.
-    spin_until([this] { return m_ended.load(std::memory_order_acquire); },
-               std::chrono::microseconds(kWaitSpinMicros));
     MutexLock lock(m_mutex);
     m_cond.wait(lock, [this] { return is_done(); });
     if (m_exception.empty()) return;

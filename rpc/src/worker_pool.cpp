@@ -5,8 +5,7 @@
 
 namespace orvi {
 
-WorkerPool::WorkerPool(size_t threads, Route route)
-    : m_threadCount(threads), m_route(std::move(route)) {
+WorkerPool::WorkerPool(size_t threads) : m_threadCount(threads) {
     assert(threads != 0);
 }
 
@@ -15,39 +14,26 @@ WorkerPool::~WorkerPool() {
     join();
 }
 
-bool WorkerPool::run_here(Job& job) {
+bool WorkerPool::submit(Task task) {
     {
         MutexLock lock(m_mutex);
         if (!m_open) return false;
-        Load& load = m_load[job.peer];
-        if (load.running || load.queued != 0) return false;
-        load.running = true;
-    }
-    m_route(job);
-    MutexLock lock(m_mutex);
-    finish_locked(job.peer);
-    return true;
-}
-
-void WorkerPool::submit(Job job) {
-    {
-        MutexLock lock(m_mutex);
-        if (!m_open) return;
         if (m_threads.empty()) {
             for (size_t i = 0; i < m_threadCount; ++i)
                 m_threads.emplace_back(&WorkerPool::worker, this);
         }
-        ++m_load[job.peer].queued;
-        m_queue.push_back(std::move(job));
+        m_queue.push_back(std::move(task));
     }
     m_cond.notify_one();
+    return true;
 }
 
 void WorkerPool::close() {
+    std::list<Task> dropped;
     {
         MutexLock lock(m_mutex);
         m_open = false;
-        m_queue.clear();
+        dropped.swap(m_queue);
     }
     m_cond.notify_all();
 }
@@ -61,44 +47,20 @@ void WorkerPool::join() {
     for (std::thread& t : threads) t.join();
 }
 
-void WorkerPool::finish_locked(unsigned int peer) {
-    auto it = m_load.find(peer);
-    if (it == m_load.end()) return;
-    it->second.running = false;
-    // Jobs that came while this one ran wait for a worker.
-    if (it->second.queued == 0) {
-        m_load.erase(it);
-    } else {
-        m_cond.notify_one();
-    }
-}
-
-std::list<WorkerPool::Job>::iterator WorkerPool::next_eligible_locked() {
-    for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
-        if (!m_load[it->peer].running) return it;
-    }
-    return m_queue.end();
-}
-
 void WorkerPool::worker() {
     MutexLock lock(m_mutex);
     while (m_open) {
-        auto it = next_eligible_locked();
-        if (it == m_queue.end()) {
+        if (m_queue.empty()) {
             m_cond.wait(lock);
             continue;
         }
-        Job job = std::move(*it);
-        m_queue.erase(it);
-        Load& load = m_load[job.peer];
-        --load.queued;
-        load.running = true;
+        Task task = std::move(m_queue.front());
+        m_queue.pop_front();
         lock.unlock();
-        m_route(job);
-        // Released here, not on the next wait: a message can be large.
-        job.message = Message<BufferMutable>();
+        task();
+        // Released here, not on the next wait: it may hold a large message.
+        task = nullptr;
         lock.lock();
-        if (m_open) finish_locked(job.peer);
     }
 }
 

@@ -95,11 +95,6 @@ void client_handshake(int fd, int answer_timeout_ms) {
     }
 }
 
-ProtocolV1::ProtocolV1(int fd)
-    : m_fd(fd), m_reader(new SocketReader(fd)), m_decoder(new FrameDecoder()) {}
-
-ProtocolV1::~ProtocolV1() = default;
-
 void ProtocolV1::send_message(const Message<BufferConst>& message) {
     FrameEncoder frame(message);
     if (!m_splitWrites) {
@@ -108,45 +103,12 @@ void ProtocolV1::send_message(const Message<BufferConst>& message) {
     } else {
         for (const iovec& piece : frame.pieces()) write_pieces(m_fd, &piece, 1);
     }
-    m_reader->sent();
 }
 
 void ProtocolV1::recv_message(const std::shared_ptr<InfoClient>& info) {
     Message<BufferMutable> message;
-    if (!m_decoder->read(*m_reader, message)) return;
+    if (!info->m_decoder.read(*info->m_reader, message)) return;
     info->m_handler->new_message(info->m_id, message);
-}
-
-size_t ProtocolV1::buffered() const {
-    return m_reader->buffered();
-}
-
-void ProtocolV1::set_wake_fd(int fd) {
-    m_reader->set_wake_fd(fd);
-}
-
-void ProtocolV1::set_quick_ack(bool on) {
-    m_reader->set_quick_ack(on);
-}
-
-void ProtocolV1::before_blocking() {
-    m_reader->before_blocking();
-}
-
-void ProtocolV1::set_blocking_reads(bool on) {
-    m_reader->set_blocking(on);
-}
-
-bool ProtocolV1::at_end_of_stream() {
-    return m_reader->at_end_of_stream();
-}
-
-void ProtocolV1::read_exact(char* dst, size_t n) {
-    m_reader->read_exact(dst, n);
-}
-
-void ProtocolV1::set_wait_limit_ms(int ms) {
-    m_reader->set_wait_limit_ms(ms);
 }
 
 InfoClient::InfoClient(unsigned int id, const std::shared_ptr<TransportHandler>& handler)
@@ -159,9 +121,15 @@ InfoClient::~InfoClient() {
     m_handler.reset();
 }
 
+void InfoClient::open(std::unique_ptr<ProtocolV1> protocol) {
+    m_protocol = std::move(protocol);
+    m_reader.reset(new SocketReader(m_fd, m_ackOwed));
+}
+
 void InfoClient::send(const Message<BufferConst>& message) {
     MutexLock lock(m_sendMutex);
     m_protocol->send_message(message);
+    m_ackOwed.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace simple_socket

@@ -16,7 +16,6 @@
 #include "orvi/log_line.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "transport/link_liveness.h"
-#include "transport/read_turn.h"
 #include "transport/simple_socket.h"
 #include "transport/socket_reader.h"
 
@@ -206,8 +205,12 @@ void TransportSimpleSocketClient::connect(int timeout) {
             throw SimpleSocketException(simple_socket::kTimeoutText);
         simple_socket::client_handshake(
             info->m_fd, timeout > 0 ? static_cast<int>((answerLeft + 999) / 1000) : -1);
-        info->m_protocol.reset(new simple_socket::ProtocolV1(info->m_fd));
-        info->m_protocol->set_quick_ack(true);
+        info->open(
+            std::unique_ptr<simple_socket::ProtocolV1>(new simple_socket::ProtocolV1(info->m_fd)));
+        {
+            simple_socket::CallerTurn turn(info->m_turn);
+            info->m_reader->set_quick_ack(true);
+        }
         {
             MutexLock lock(m_socketMutex);
             m_socketPtr = info;
@@ -225,19 +228,17 @@ void TransportSimpleSocketClient::start_serve(const std::shared_ptr<TransportHan
     m_handler = handler;
     info->m_id = handler->new_client(*this);
     info->m_handler = handler;
-
-    auto turn = std::make_shared<simple_socket::ReadTurn>(kIdleBeforeReader);
-    {
-        MutexLock lock(m_socketMutex);
-        m_turn = turn;
-    }
+    info->m_turn.start();
     m_running = true;
     // Callers read with blocking reads of their own and need no wake event.
     if (!m_idleReader) return;
     if (!m_wake) m_wake.reset(new simple_socket::WakeEvent());
     m_wake->reset();
-    info->m_protocol->set_wake_fd(m_wake->fd());
-    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info), turn);
+    {
+        simple_socket::CallerTurn turn(info->m_turn);
+        info->m_reader->set_wake_fd(m_wake->fd());
+    }
+    m_thread = std::thread(&TransportSimpleSocketClient::worker, this, std::move(info));
 }
 
 void TransportSimpleSocketClient::set_idle_reader(bool on) {
@@ -247,12 +248,7 @@ void TransportSimpleSocketClient::set_idle_reader(bool on) {
 
 void TransportSimpleSocketClient::stop_serve() {
     m_running = false;
-    std::shared_ptr<simple_socket::ReadTurn> turn;
-    {
-        MutexLock lock(m_socketMutex);
-        turn = m_turn;
-    }
-    if (turn) turn->stop();
+    if (std::shared_ptr<simple_socket::InfoClient> info = socket()) info->m_turn.stop();
     if (m_wake) m_wake->signal();
     if (m_thread.joinable()) m_thread.join();
     m_thread = std::thread();
@@ -278,56 +274,43 @@ void TransportSimpleSocketClient::report_broken(
 }
 
 bool TransportSimpleSocketClient::read_until(const std::function<bool()>& done) {
-    std::shared_ptr<simple_socket::InfoClient> info;
-    std::shared_ptr<simple_socket::ReadTurn> turn;
-    {
-        MutexLock lock(m_socketMutex);
-        info = m_socketPtr;
-        turn = m_turn;
-    }
-    if (!info || !turn || !m_running) return false;
-    turn->caller_begin([this] {
-        if (m_wake) m_wake->signal();
-    });
-    if (!m_running) {
-        turn->caller_end();
-        return false;
-    }
-    info->m_protocol->set_blocking_reads(true);
+    std::shared_ptr<simple_socket::InfoClient> info = socket();
+    if (!info || !m_running) return false;
     std::string failure;
-    try {
-        while (!done()) info->m_protocol->recv_message(info);
-    } catch (const std::exception& e) {
-        failure = std::string("Worker got exception: ") + e.what();
-    } catch (...) {
-        failure = "Worker got unknown exception";
+    {
+        simple_socket::CallerTurn turn(info->m_turn, [this] {
+            if (m_wake) m_wake->signal();
+        });
+        if (!m_running) return false;
+        info->m_reader->set_blocking(true);
+        try {
+            while (!done()) info->m_protocol->recv_message(info);
+        } catch (const std::exception& e) {
+            failure = std::string("Worker got exception: ") + e.what();
+        } catch (...) {
+            failure = "Worker got unknown exception";
+        }
+        info->m_reader->set_blocking(false);
     }
-    info->m_protocol->set_blocking_reads(false);
-    turn->caller_end();
     if (!failure.empty()) report_broken(info, failure.c_str());
     return true;
 }
 
-void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info,
-                                         std::shared_ptr<simple_socket::ReadTurn> turn) {
+void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClient> info) {
     if (!m_running) return;
     try {
         pollfd fds[2] = {{info->m_fd, POLLIN | POLLPRI | POLLERR | POLLNVAL, 0},
                          {m_wake->fd(), POLLIN, 0}};
-        while (turn->reader_begin()) {
-            // Ends the turn however this round ends.
-            struct TurnEnd {
-                simple_socket::ReadTurn& turn;
-                ~TurnEnd() { turn.reader_end(); }
-            } end{*turn};
+        while (info->m_turn.reader_begin()) {
+            simple_socket::ReaderTurn turn(info->m_turn);
             if (!m_running) return;
             try {
                 // Frames that a caller read but did not need are delivered
                 // first: the poll below cannot see them.
-                while (info->m_protocol->buffered() != 0 && m_running) {
+                while (info->m_reader->buffered() != 0 && m_running) {
                     info->m_protocol->recv_message(info);
                 }
-                info->m_protocol->before_blocking();
+                info->m_reader->before_blocking();
                 const int r = poll(fds, 2, 1000);
                 if (r > 0 && (fds[1].revents & POLLIN)) {
                     // stop_serve, or a caller that wants the socket.
@@ -344,7 +327,7 @@ void TransportSimpleSocketClient::worker(std::shared_ptr<simple_socket::InfoClie
                     // the next poll, which cannot see them.
                     do {
                         info->m_protocol->recv_message(info);
-                    } while (info->m_protocol->buffered() != 0 && m_running);
+                    } while (info->m_reader->buffered() != 0 && m_running);
                 }
             } catch (const simple_socket::ReadInterrupted&) {
                 // In the middle of a frame: the decoder keeps what it has,

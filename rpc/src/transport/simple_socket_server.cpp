@@ -201,55 +201,65 @@ void TransportSimpleSocketServer::admit(int fd) {
     }
 }
 
-bool TransportSimpleSocketServer::handshake(simple_socket::ProtocolV1& protocol, int fd) {
+namespace {
+// The server side of the handshake: true when the client may go on.
+bool handshake(simple_socket::InfoClient& info, unsigned char our_answer) REQUIRES(info.m_turn) {
     unsigned char hello[2];
-    protocol.read_exact(reinterpret_cast<char*>(hello), sizeof hello);
+    info.m_reader->read_exact(reinterpret_cast<char*>(hello), sizeof hello);
     const bool supported = hello[1] == simple_socket::kProtocolVersion;
     // An unsupported client is told the one version we speak, then dropped.
-    const char answer =
-        static_cast<char>(supported ? m_handshakeAnswer : simple_socket::kProtocolVersion);
-    simple_socket::write(fd, &answer, 1);
+    const char answer = static_cast<char>(supported ? our_answer : simple_socket::kProtocolVersion);
+    simple_socket::write(info.m_fd, &answer, 1);
     if (!supported) {
         log_error("Dropping a client that speaks protocol version " + std::to_string(hello[1]));
     }
-    return supported && m_handshakeAnswer == simple_socket::kProtocolVersion;
+    return supported && our_answer == simple_socket::kProtocolVersion;
 }
+}  // namespace
 
 void TransportSimpleSocketServer::serve_client(int fd, Reader* self) {
     auto info = std::make_shared<simple_socket::InfoClient>(0, nullptr);
     info->m_fd = fd;
     auto* protocol = new simple_socket::ProtocolV1(fd);
-    info->m_protocol.reset(protocol);
-    protocol->set_wake_fd(m_wake->fd());
     protocol->set_split_writes(m_splitWrites);
+    info->open(std::unique_ptr<simple_socket::ProtocolV1>(protocol));
     const int nodelay = m_nodelay ? 1 : 0;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
 
     unsigned int id = 0;
-    try {
-        protocol->set_wait_limit_ms(m_handshakeTimeoutMs);
-        const bool greeted = handshake(*protocol, fd);
-        protocol->set_wait_limit_ms(-1);
-        if (greeted) {
-            auto handler = m_handler.lock();
-            if (handler && m_running) {
-                id = handler->new_client(*this);
-                info->m_id = id;
-                info->m_handler = handler;
-                {
-                    MutexLock lock(m_mutex);
-                    m_clients[id] = info;
+    {
+        // This thread is the connection's only reader: it holds the turn
+        // for as long as the connection lasts.
+        simple_socket::CallerTurn turn(info->m_turn);
+        info->m_reader->set_wake_fd(m_wake->fd());
+        try {
+            info->m_reader->set_wait_limit_ms(m_handshakeTimeoutMs);
+            const bool greeted = handshake(*info, m_handshakeAnswer);
+            info->m_reader->set_wait_limit_ms(-1);
+            if (greeted) {
+                auto handler = m_handler.lock();
+                if (handler && m_running) {
+                    id = handler->new_client(*this);
+                    info->m_id = id;
+                    info->m_handler = handler;
+                    {
+                        MutexLock lock(m_mutex);
+                        m_clients[id] = info;
+                    }
+                    while (m_running && !info->m_reader->at_end_of_stream()) {
+                        info->m_protocol->recv_message(info);
+                    }
                 }
-                while (m_running && !protocol->at_end_of_stream()) protocol->recv_message(info);
             }
-        }
-    } catch (const simple_socket::ReadInterrupted&) {
-        // stop_serve: the records are dropped there.
-    } catch (const std::exception& e) {
-        log_error(id == 0 ? std::string("Dropping a connection before its handshake: ") + e.what()
+        } catch (const simple_socket::ReadInterrupted&) {
+            // stop_serve: the records are dropped there.
+        } catch (const std::exception& e) {
+            log_error(id == 0
+                          ? std::string("Dropping a connection before its handshake: ") + e.what()
                           : "Dropping client " + std::to_string(id) + ": " + e.what());
-    } catch (...) {
-        log_error("Dropping client " + std::to_string(id) + ": unknown error");
+        } catch (...) {
+            log_error("Dropping client " + std::to_string(id) + ": unknown error");
+        }
     }
     if (m_running) {
         {

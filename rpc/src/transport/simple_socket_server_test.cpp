@@ -111,16 +111,6 @@ TEST(ServerTransport, CleanDisconnectIsReportedWithoutNoise) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(ServerTransport, HandshakeAnswerCanBeForced) {
-    Server s;
-    s.transport->set_handshake_answer(2);
-    RawConnection c(RawConnection::connect_to(s.transport->local_port()));
-    c.write(hex("01 01"));
-    EXPECT_EQ(to_hex(c.read(1)), "02 ");
-    EXPECT_TRUE(c.wait_closed());
-    EXPECT_EQ(s.handler->clients(), 0u);
-}
-
 TEST(ServerTransport, StopClosesEverythingPromptly) {
     Server s;
     auto a = s.greeted_client();

@@ -11,8 +11,9 @@ namespace orvi {
 namespace simple_socket {
 
 // Thrown by SocketReader when its wake descriptor fires while it waits for
-// bytes: the owner asked the reader thread to stop. Not a std::exception, so
-// that no error path mistakes it for a socket failure.
+// bytes: the owner asked the reader thread to stop, or a caller wants the
+// turn. Not a std::exception, so that no error path mistakes it for a
+// socket failure.
 struct ReadInterrupted {};
 
 // An eventfd that a stopping owner signals to wake a reader blocked in poll.
@@ -33,10 +34,13 @@ class WakeEvent {
 
 // Reads through a 64 KiB buffer, so that a burst of small frames costs one
 // system call; large buffers are read straight into their destination.
-// Used by one thread at a time (the connection's reader thread).
+// Used by whoever holds the connection's read turn (InfoClient::m_turn),
+// the only thread that may touch it.
 class SocketReader : public ByteSource {
   public:
-    explicit SocketReader(int fd) : m_fd(fd) {}
+    // `ack_owed` is set when bytes come in and cleared by each send (from any
+    // thread: the segment carried the ACK).
+    SocketReader(int fd, std::atomic<bool>& ack_owed) : m_fd(fd), m_ackOwed(ack_owed) {}
 
     // While waiting for bytes, also watch this descriptor; -1 for none.
     void set_wake_fd(int fd) { m_wakeFd = fd; }
@@ -46,8 +50,6 @@ class SocketReader : public ByteSource {
     void set_quick_ack(bool on) { m_quickAck = on; }
     // Called by the reader before it blocks (wait_readable does it itself).
     void before_blocking();
-    // Called after each send, from any thread: the segment carried the ACK.
-    void sent() { m_ackOwed.store(false, std::memory_order_relaxed); }
     // Block in the receive itself instead of polling first (for a caller that
     // waits for its answer; it cannot be woken by the wake descriptor).
     void set_blocking(bool on) { m_blocking = on; }
@@ -72,7 +74,7 @@ class SocketReader : public ByteSource {
     int m_wakeFd = -1;
     bool m_quickAck = false;
     bool m_blocking = false;
-    std::atomic<bool> m_ackOwed{false};  // bytes read since our last send
+    std::atomic<bool>& m_ackOwed;  // bytes read since our last send
     int m_waitLimitMs = -1;
     std::unique_ptr<char[]> m_buffer;
     size_t m_begin = 0;

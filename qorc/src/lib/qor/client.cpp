@@ -10,11 +10,7 @@ namespace qor {
 
 // What the session owns: the engine, and the transport it was connected with.
 struct Client::Engine {
-    Engine() : m_protocol(1) {
-        // Answers are routed by the connection's reader thread as they
-        // arrive: our proxies only record them and wake the waiting caller.
-        m_protocol.set_direct_dispatch(orvi::DirectDispatch::kAlways);
-    }
+    Engine() : m_protocol(1) {}
     // Our reference to the transport goes first; the engine then stops
     // every transport still attached and joins its threads.
     ~Engine() { m_transport.reset(); }

@@ -1,6 +1,6 @@
-// Direct dispatch: a transport's thread routes a peer's message itself only
-// when nothing of that peer is queued or being routed, so that order and
-// one-at-a-time hold whichever thread routes.
+// Routing by turns: a peer's messages are routed one at a time and in order,
+// where they are read or, behind a handler that may block, on a worker; and
+// the engine waits for a route under way before it goes.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -77,8 +77,6 @@ struct Pair {
     Protocol client{1};
     std::shared_ptr<testing::PipeEnd> board_end;
     Pair() {
-        server.set_direct_dispatch(DirectDispatch::kFollowOn);
-        client.set_direct_dispatch(DirectDispatch::kAlways);
         server.add_command("tracked", std::make_shared<ProxyFactoryTpl<Tracked>>());
         auto ends = testing::make_pipe();
         board_end = ends.first;
@@ -87,7 +85,7 @@ struct Pair {
     }
 };
 
-TEST(DirectDispatch, QueuedBehindABusyWorkerThenRoutedByTheReader) {
+TEST(Routing, QueuedBehindAWorkerThenRoutedWhereRead) {
     Journal journal;
     g_journal = &journal;
     Pair engines;
@@ -109,8 +107,8 @@ TEST(DirectDispatch, QueuedBehindABusyWorkerThenRoutedByTheReader) {
         EXPECT_EQ(journal.seen[2].second, worker);
     }
     // Once the queue has drained, messages are routed where they are read
-    // again. The worker lets go of the peer just after its last answer has
-    // gone out, so the first ones after it may still find it busy.
+    // again. The worker gives the turn back just after its last answer has
+    // gone out, so the first ones after it may still find it taken.
     std::thread::id last = worker;
     for (size_t n = 4; last == worker && n < 100; ++n) {
         stream->send("again");
@@ -126,35 +124,14 @@ TEST(DirectDispatch, QueuedBehindABusyWorkerThenRoutedByTheReader) {
     EXPECT_FALSE(journal.overlap);
 }
 
-TEST(DirectDispatch, ManyShortCommandsInARow) {
-    Journal journal;
-    g_journal = &journal;
-    journal.openMayFinish.set_value();
-    Pair engines;
-    for (int i = 0; i < 200; ++i) {
-        auto stream = engines.client.create_command_proxy<Stream>("tracked");
-        stream->send("x" + std::to_string(i));
-        stream->send("end");
-        stream->wait();
-        ASSERT_EQ(stream->answers.size(), 2u);
-        EXPECT_EQ(stream->answers[0], "x" + std::to_string(i));
-    }
-    EXPECT_EQ(engines.client.stats().proxies_active, 0u);
-    // A handler leaves its engine just after its DONE has gone out.
-    for (int i = 0; i < 1000 && engines.server.stats().proxies_active != 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(engines.server.stats().proxies_active, 0u);
-}
-
-TEST(DirectDispatch, TheEngineWaitsForARouteUnderWay) {
+TEST(Routing, TheEngineWaitsForARouteUnderWay) {
     Journal journal;
     g_journal = &journal;
     std::unique_ptr<Pair> engines(new Pair);
     auto stream = engines->client.create_command_proxy<Stream>("tracked");
     stream->send("first");
     ASSERT_TRUE(stream->wait_answers(1));
-    // Routed directly (a follow-on with nothing under way), and held there.
+    // Routed where it is read (a follow-on), and held there.
     stream->send("open");
     for (;; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
         std::lock_guard<std::mutex> lock(journal.mutex);
