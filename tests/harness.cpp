@@ -60,6 +60,33 @@ bool enter_private_network() {
     return run_command("/usr/sbin/ip", {"link", "set", "lo", "up"}).status == 0;
 }
 
+Namespaces::Namespaces(const std::string& prefix, std::vector<std::string> names,
+                       const std::string& tag)
+    : m_base(prefix + std::to_string(getpid()) + tag), m_names(std::move(names)) {
+    sh(R"(for f in /run/netns/)" + prefix + R"(*; do
+  n=${f##*/}; p=${n#)" +
+       prefix + R"(}; p=${p%%[!0-9]*}
+  [ -e "$f" ] && ! kill -0 "$p" 2>/dev/null && ip netns del "$n"
+done; true)");
+}
+
+Namespaces::~Namespaces() {
+    for (const std::string& n : m_names) run_command("/bin/ip", {"netns", "del", name(n)}, 20000);
+}
+
+void Namespaces::sh(const std::string& steps, const std::vector<std::string>& more) const {
+    std::vector<std::string> args = {"-c", steps, "sh", m_base};
+    args.insert(args.end(), more.begin(), more.end());
+    const Result r = run_command("/bin/sh", args, 20000);
+    if (r.status != 0) throw std::runtime_error(steps + ": " + r.err);
+}
+
+std::vector<std::string> Namespaces::exec(const std::string& n,
+                                          std::vector<std::string> args) const {
+    args.insert(args.begin(), {"netns", "exec", name(n)});
+    return args;
+}
+
 Result run_command(const std::string& binary, const std::vector<std::string>& args, int timeoutMs) {
     TempDir dir;
     Result r;

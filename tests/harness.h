@@ -109,4 +109,27 @@ using support::closed_address;
 // that is not allowed (not root).
 bool enter_private_network();
 
+// Network namespaces <base><name> for one test, base being <prefix><pid>,
+// with an optional tag. They are made by shell steps, and all of them go with
+// the object, also on failure; those of earlier runs that were killed go
+// when it is made. Root only.
+class Namespaces {
+  public:
+    Namespaces(const std::string& prefix, std::vector<std::string> names,
+               const std::string& tag = "");
+    ~Namespaces();
+    Namespaces(const Namespaces&) = delete;
+    Namespaces& operator=(const Namespaces&) = delete;
+    std::string name(const std::string& n) const { return m_base + n; }
+    // Runs shell `steps` with $1 the base and $2... `more`; throws
+    // std::runtime_error with the steps' error output when they fail.
+    void sh(const std::string& steps, const std::vector<std::string>& more = {}) const;
+    // The argument vector that runs `args` inside namespace `n`.
+    std::vector<std::string> exec(const std::string& n, std::vector<std::string> args) const;
+
+  private:
+    std::string m_base;
+    std::vector<std::string> m_names;
+};
+
 }  // namespace e2e

@@ -39,7 +39,8 @@ void upgrade(Lab& lab, std::function<void(size_t)> before, std::function<void(si
 }
 
 void all_acknowledged(Lab& lab) {
-    if (!Lab::eventually([&] { return lab.unacked() == 0; })) lab.fail("a chunk stays unacked");
+    if (!eventually([&] { return lab.unacked() == 0; }, 5000, 20))
+        lab.fail("a chunk stays unacked");
 }
 
 void power_loss_with_a_chunk_unacknowledged(Lab& lab) {
@@ -51,7 +52,7 @@ void power_loss_with_a_chunk_unacknowledged(Lab& lab) {
     const auto after = [&lab](size_t got) {
         if (got != kFaultAt) return;
         // qorc answers the NEXT with a chunk that never arrives.
-        if (!Lab::eventually([&] { return lab.unacked() > 0; })) lab.fail("nothing in flight");
+        if (!eventually([&] { return lab.unacked() > 0; }, 5000, 20)) lab.fail("nothing in flight");
         lab.vanish();
         throw std::runtime_error("power lost");
     };
@@ -115,7 +116,7 @@ void board_dies_during_the_boot_end_wait(Lab& lab) {
     lab.start_sim(
         {"--reboot-delay-ms", "200", "--reboot-grace-ms", "50", "--boot-time-ms", "600000"});
     lab.start_qorc({"sysupgrade", image(lab, 3 * kChunk), "-t", "30"});
-    if (!Lab::eventually([&] { return count_of(lab.sim_out(), "connection from") >= 2; }, 30000)) {
+    if (!eventually([&] { return count_of(lab.sim_out(), "connection from") >= 2; }, 30000, 20)) {
         lab.fail("qorc never came back after the reboot");
     }
     std::this_thread::sleep_for(seconds(3));
@@ -219,7 +220,6 @@ LabOutcome run_case(int index, const Case& c) {
 TEST(LinkFaults, DeadLinksEndInAnErrorLiveBoardsAreWaitedFor) {
     REQUIRE_PRIVATE_TMP();
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
-    Lab::remove_stale();
     std::vector<std::future<LabOutcome>> runs;
     for (const Case& c : kCases) {
         const int index = static_cast<int>(runs.size());

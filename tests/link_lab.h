@@ -36,7 +36,7 @@ class Lab {
     using Clock = std::chrono::steady_clock;
     static constexpr const char* kBoard = "192.168.15.1";
 
-    // Namespaces qlf<pid>h<index> and qlf<pid>b<index>, made by build().
+    // Namespaces qlf<pid>_<index>h and ...b, made by build().
     explicit Lab(int index);
     ~Lab();  // kills what runs, joins the board threads, removes the namespaces
     Lab(const Lab&) = delete;
@@ -45,8 +45,6 @@ class Lab {
     // Makes the namespaces and the links, and checks that a vanished board
     // really is silent. Throws std::runtime_error when it cannot.
     void build();
-    // Namespaces of earlier runs that were killed.
-    static void remove_stale();
 
     // Faults. The first one marks the time the fault began.
     void vanish();        // nothing reaches the board, nothing leaves it
@@ -79,8 +77,6 @@ class Lab {
     // host's socket table; -1 without a connection.
     long unacked();
 
-    // Polls `done` for up to timeoutMs.
-    static bool eventually(const std::function<bool()>& done, int timeoutMs = 5000);
     // The case is not what it claims to be: noted, and thrown as
     // std::runtime_error to end the board's script.
     void fail(const std::string& why);
@@ -93,8 +89,7 @@ class Lab {
     void drop(const char* way);
     bool board_answers();
 
-    std::string m_host, m_board;
-    std::vector<std::string> m_made;
+    Namespaces m_net;
     TempDir m_dir;
     std::unique_ptr<support::ServerProcess> m_sim;
     std::unique_ptr<Process> m_qorc;
