@@ -39,6 +39,11 @@ HostileBoard::HostileBoard(Script script) : m_script(std::move(script)) {
     m_thread = std::thread(&HostileBoard::serve, this);
 }
 
+HostileBoard::HostileBoard(Script script, int listening_fd)
+    : m_script(std::move(script)), m_listener(listening_fd) {
+    m_thread = std::thread(&HostileBoard::serve, this);
+}
+
 HostileBoard::~HostileBoard() {
     m_running = false;
     m_thread.join();

@@ -92,18 +92,15 @@ void silent_board_loses_power(Lab& lab) {
 // Takes the command, goes off (its stack forgets the connection, and the
 // reset that says so is lost) and comes back a few seconds later.
 void board_reboots_without_closing(Lab& lab) {
-    const int listener = lab.listen();
-    lab.board([&lab, listener] {
-        const int fd = lab.accept(listener);
-        BoardConnection c(fd);
+    lab.serve([&lab](BoardConnection& c, int) {
         c.handshake();
         c.next();
         all_acknowledged(lab);  // qorc has nothing left to send
         lab.vanish();
         const linger abort{1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        setsockopt(c.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
         c.close();
-        close(listener);
+        lab.stop_listening();
         std::this_thread::sleep_for(seconds(3));
         lab.revive();
     });

@@ -65,10 +65,9 @@ sockaddr_in board_address(unsigned short port) {
 Lab::Lab(int index) : m_net("qlf", {"h", "b"}, "_" + std::to_string(index)) {}
 
 Lab::~Lab() {
-    m_stop = true;
     m_qorc.reset();  // kills what still runs
     m_sim.reset();
-    for (std::thread& t : m_threads) t.join();
+    m_boards.clear();
     for (int fd : m_kept) close(fd);
 }
 
@@ -140,40 +139,8 @@ int Lab::listen() {
     return fd;
 }
 
-int Lab::accept(int listener) {
-    while (!m_stop) {
-        pollfd p{listener, POLLIN, 0};
-        if (poll(&p, 1, 50) == 1) return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    }
-    return -1;
-}
-
-void Lab::board(std::function<void()> body) {
-    m_threads.emplace_back([this, body] {
-        try {
-            body();
-        } catch (const std::runtime_error&) {
-            // A board that died, or a peer that hung up.
-        } catch (const std::exception& e) {
-            note(e.what());
-        }
-    });
-}
-
 void Lab::serve(HostileBoard::Script script) {
-    const int listener = listen();
-    board([this, script, listener] {
-        for (int i = 0;; ++i) {
-            const int fd = accept(listener);
-            if (fd < 0) break;
-            BoardConnection c(fd);
-            try {
-                script(c, i);
-            } catch (const std::runtime_error&) {
-            }
-        }
-        close(listener);
-    });
+    m_boards.push_back(std::make_unique<HostileBoard>(std::move(script), listen()));
 }
 
 void Lab::start_sim(std::vector<std::string> args) {
@@ -208,13 +175,11 @@ long Lab::unacked() {
 }
 
 void Lab::fail(const std::string& why) {
-    note(why);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_trouble.empty()) m_trouble = why;
+    }
     throw std::runtime_error(why);
-}
-
-void Lab::note(const std::string& why) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_trouble.empty()) m_trouble = why;
 }
 
 LabOutcome Lab::finish() {
@@ -228,9 +193,7 @@ LabOutcome Lab::finish() {
     }
     o.run.out = qorc_out();
     o.run.err = read_file(m_dir.file("err"));
-    m_stop = true;
-    for (std::thread& t : m_threads) t.join();
-    m_threads.clear();
+    m_boards.clear();
     std::lock_guard<std::mutex> lock(m_mutex);
     o.trouble = m_trouble;
     return o;

@@ -27,6 +27,13 @@ RawListener::RawListener() {
     m_port = ntohs(addr.sin_port);
 }
 
+RawListener::RawListener(int fd) : m_fd(fd) {
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    m_port = ntohs(addr.sin_port);
+}
+
 RawListener::~RawListener() {
     ::close(m_fd);
 }
@@ -37,7 +44,11 @@ void RawListener::shutdown() {
 
 int RawListener::accept_one(std::string* peerAddress, int timeout_ms) {
     pollfd pfd{m_fd, POLLIN, 0};
-    if (poll(&pfd, 1, timeout_ms) != 1 || !(pfd.revents & POLLIN)) return -1;
+    if (poll(&pfd, 1, timeout_ms) != 1) return -1;
+    if (!(pfd.revents & POLLIN)) {  // shut down: waits out the limit, so that no loop spins
+        poll(nullptr, 0, timeout_ms);
+        return -1;
+    }
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(m_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);

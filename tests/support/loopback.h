@@ -11,6 +11,8 @@ namespace support {
 class RawListener {
   public:
     RawListener();
+    // Takes over a socket that already listens, wherever it was made.
+    explicit RawListener(int fd);
     ~RawListener();
     unsigned short port() const { return m_port; }
     std::string port_text() const { return std::to_string(m_port); }
