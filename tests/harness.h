@@ -48,8 +48,11 @@ Result run_at(const std::string& address, std::vector<std::string> args, int tim
 // qorc's first line when it connects to `address`.
 std::string hello(const std::string& address);
 
+// `text` against `pattern`, in which each {any} stands for any run of
+// characters.
+bool matches(const std::string& text, const std::string& pattern);
 // A finished run against its exit status and its whole standard output and
-// error; the failure names each that differs.
+// error (patterns as for matches()); the failure names each that differs.
 ::testing::AssertionResult ran(const Result& r, int status, const std::string& out,
                                const std::string& err);
 #define EXPECT_RUN(result, status, out, err) EXPECT_TRUE(::e2e::ran(result, status, out, err))

@@ -106,8 +106,7 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     const std::string fromHost = "connection from " + Topology::host_address(2) + ":";
     const size_t before = count_of(net.board_out(2), fromHost);
     const Result alone = net.qorc(Topology::host_address(2), {"sysupgrade", image2});
-    EXPECT_EQ(alone.status, 0) << alone.out << alone.err;
-    EXPECT_NE(alone.out.find("alone-2"), std::string::npos) << alone.out;
+    EXPECT_RUN(alone, 0, "{any}Upgraded to alone-2\n{any}", "");
     EXPECT_EQ(count_of(net.board_out(2), "back on"), 1u);
     // The upgrade's connection, and the one after the reboot, came to board 2.
     EXPECT_EQ(count_of(net.board_out(2), fromHost), before + 2) << net.board_out(2);
@@ -126,22 +125,16 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     }
     for (int i = 1; i <= Topology::kBoards; ++i) {
         const Result r = upgrades[i - 1].get();
-        EXPECT_EQ(r.status, 0) << "board " << i << ": " << r.out << r.err;
-        EXPECT_NE(r.out.find("Upgraded to together-" + std::to_string(i)), std::string::npos)
-            << r.out;
+        EXPECT_RUN(r, 0, "{any}Upgraded to together-" + std::to_string(i) + "\n{any}", "");
     }
 
     // Names that are neither an address nor an interface still resolve (and
     // fail: nothing answers in these namespaces); addresses the host lacks
     // still fail to bind.
-    const Result unknown = net.qorc("no-such-board-name", {"fw_config_mode"});
-    EXPECT_EQ(unknown.status, 1);
-    EXPECT_NE(unknown.err.find("Failed to resolve hostname no-such-board-name"), std::string::npos)
-        << unknown.err;
-    const Result lacking = net.qorc("192.168.15.99", {"fw_config_mode"});
-    EXPECT_EQ(lacking.status, 1);
-    EXPECT_NE(lacking.err.find("Failed to bind to 192.168.15.99"), std::string::npos)
-        << lacking.err;
+    EXPECT_RUN(net.qorc("no-such-board-name", {"fw_config_mode"}), 1, hello(kBoard + ":7000"),
+               "Error: Failed to resolve hostname no-such-board-name\n");
+    EXPECT_RUN(net.qorc("192.168.15.99", {"fw_config_mode"}), 1, hello(kBoard + ":7000"),
+               "Error: Failed to bind to 192.168.15.99\n");
 }
 
 }  // namespace
