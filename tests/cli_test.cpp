@@ -180,13 +180,16 @@ const Group kGroups[] = {
     {"a lone dash is standard input or output", {}, {
         {{"psi_get", "-"}, 0, kHello + kPsi + "\n", ""},
         // The whole of standard input, sent as it is.
-        {{"psi_set", "-"}, 0, kHello + "json: {\"roaming\": true}\n\n", "", "{\"roaming\": true}\n"},
-        {{"psi_get", "-"}, 0, kHello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})"
-         "\n", ""},
-        {{"reset_imei", "-"}, 0, kHello + kIds, "", "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
+        {{"psi_set", "-"}, 0, kHello + "json: {\"roaming\": true}\n\n", "",
+         "{\"roaming\": true}\n"},
+        {{"psi_get", "-"}, 0,
+         kHello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})" "\n", ""},
+        {{"reset_imei", "-"}, 0, kHello + kIds, "",
+         "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
         {{"reset_imei", "-"}, 1, kHello + kIds, "Error: IMEI reset refused: wrong passcode\n",
          "02-00-5e-10-00-01 RESET-0000\n"},
-        {{"reset_imei", "-"}, 1, kHello + kIds, "No passcode found for this device (02:00:5E:10:00:01)\n"},
+        {{"reset_imei", "-"}, 1, kHello + kIds,
+         "No passcode found for this device (02:00:5E:10:00:01)\n"},
         // The first line of standard input, without its line end.
         {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\nTALVEX-0000\n"},
         {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\r\n"},
@@ -205,18 +208,6 @@ const Group kGroups[] = {
 };
 // clang-format on
 
-std::string fill(std::string text, const std::string& address, const std::string& dir) {
-    const std::pair<std::string, std::string> keys[] = {
-        {"{usage}", "Usage:\n" + std::string(qorc_binary()) + kHelp},
-        {"{at}", address},
-        {"{dir}", dir}};
-    for (const auto& [key, value] : keys) {
-        for (size_t at; (at = text.find(key)) != std::string::npos;)
-            text.replace(at, key.size(), value);
-    }
-    return text;
-}
-
 TEST(Cli, Runs) {
     for (const Group& g : kGroups) {
         SCOPED_TRACE(g.name);
@@ -224,18 +215,22 @@ TEST(Cli, Runs) {
         if (g.sim != kNoBoard && g.sim != kClosed) sim = std::make_unique<Sim>(g.sim);
         const std::string address = sim ? sim->address() : closed_address();
         TempDir dir;
+        const std::vector<std::pair<std::string, std::string>> values = {
+            {"{usage}", "Usage:\n" + std::string(qorc_binary()) + kHelp},
+            {"{at}", address},
+            {"{dir}", dir.path()}};
         for (const Call& r : g.runs) {
             std::vector<std::string> args;
             if (g.sim != kNoBoard) args = {"--url", address};
-            for (const std::string& a : r.args) args.push_back(fill(a, address, dir.path()));
+            for (const std::string& a : r.args) args.push_back(fill(a, values));
             SCOPED_TRACE(testing::PrintToString(args) + " reading " +
                          testing::PrintToString(r.input));
             const std::string input = r.input == kFolder ? dir.path() : dir.write("in", r.input);
             // Standard input from `input`, through a shell.
             args.insert(args.begin(), {"-c", "exec \"$@\" < \"$0\"", input, qorc_binary()});
             if (g.sim == kNoBoard) args.insert(args.begin() + 3, {"/usr/bin/unshare", "--net"});
-            EXPECT_RUN(run_command("/bin/sh", args), r.status, fill(r.out, address, dir.path()),
-                       fill(r.err, address, dir.path()));
+            EXPECT_RUN(run_command("/bin/sh", args), r.status, fill(r.out, values),
+                       fill(r.err, values));
             if (!r.then.empty()) {
                 ASSERT_TRUE(sim->wait_output(r.then));
             }

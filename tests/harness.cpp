@@ -45,13 +45,22 @@ std::string hello(const std::string& address) {
     return "Try to connect to " + address + "\n";
 }
 
-bool matches(const std::string& text, const std::string& pattern) {
+std::string fill(std::string text, const std::vector<std::pair<std::string, std::string>>& values) {
+    for (const auto& [key, value] : values) {
+        for (size_t at; (at = text.find(key)) != std::string::npos;)
+            text.replace(at, key.size(), value);
+    }
+    return text;
+}
+
+bool matches(std::string_view text, std::string_view pattern) {
     const size_t any = pattern.find("{any}");
     if (any == std::string::npos) return text == pattern;
-    if (text.compare(0, any, pattern, 0, any) != 0) return false;
-    const std::string rest = pattern.substr(any + 5);
-    for (size_t at = any; at <= text.size(); ++at) {
-        if (matches(text.substr(at), rest)) return true;
+    if (text.substr(0, any) != pattern.substr(0, any)) return false;
+    text.remove_prefix(any);
+    pattern.remove_prefix(any + 5);
+    for (size_t at = 0; at <= text.size(); ++at) {
+        if (pattern.empty() || matches(text.substr(at), pattern)) return true;
     }
     return false;
 }
@@ -62,8 +71,9 @@ bool matches(const std::string& text, const std::string& pattern) {
     if (r.status == status && outOk && errOk) return ::testing::AssertionSuccess();
     auto failure = ::testing::AssertionFailure();
     if (r.status != status) failure << "status " << r.status << ", expected " << status << "\n";
-    if (!outOk) failure << "out:\n" << r.out << "\nexpected:\n" << out << "\n";
-    if (!errOk) failure << "err:\n" << r.err << "\nexpected:\n" << err << "\n";
+    // An upload's output may run to megabytes: its start says enough.
+    if (!outOk) failure << "out:\n" << r.out.substr(0, 4000) << "\nexpected:\n" << out << "\n";
+    if (!errOk) failure << "err:\n" << r.err.substr(0, 4000) << "\nexpected:\n" << err << "\n";
     return failure;
 }
 

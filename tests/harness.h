@@ -9,6 +9,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "eventually.h"
@@ -48,9 +49,11 @@ Result run_at(const std::string& address, std::vector<std::string> args, int tim
 // qorc's first line when it connects to `address`.
 std::string hello(const std::string& address);
 
+// `text` with each {key} of `values` replaced by its value.
+std::string fill(std::string text, const std::vector<std::pair<std::string, std::string>>& values);
 // `text` against `pattern`, in which each {any} stands for any run of
 // characters.
-bool matches(const std::string& text, const std::string& pattern);
+bool matches(std::string_view text, std::string_view pattern);
 // A finished run against its exit status and its whole standard output and
 // error (patterns as for matches()); the failure names each that differs.
 ::testing::AssertionResult ran(const Result& r, int status, const std::string& out,

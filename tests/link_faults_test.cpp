@@ -232,17 +232,12 @@ TEST(LinkFaults, DeadLinksEndInAnErrorLiveBoardsAreWaitedFor) {
             ADD_FAILURE() << o.trouble;
             continue;
         }
-        const std::string output = "\nout: " + o.run.out.substr(0, 2000) + "\nerr: " + o.run.err;
-        EXPECT_NE(o.run.out.find(c.shows), std::string::npos) << output;
-        EXPECT_GE(o.took, c.at_least) << output;
-        if (c.error.empty()) {
-            EXPECT_EQ(o.run.status, 0) << output;
-            continue;
-        }
-        EXPECT_EQ(o.run.status, 1) << output;
-        EXPECT_NE(o.run.err.find(c.error), std::string::npos) << output;
+        EXPECT_RUN(o.run, c.error.empty() ? 0 : 1, "{any}" + c.shows + "{any}",
+                   "{any}" + c.error + "{any}");
+        EXPECT_GE(o.took, c.at_least);
+        if (c.error.empty()) continue;
         EXPECT_GE(o.from_fault, 0.0) << "no fault";
-        EXPECT_LE(o.from_fault, kReportedWithin) << output;
+        EXPECT_LE(o.from_fault, kReportedWithin);
     }
 }
 

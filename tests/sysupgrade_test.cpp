@@ -115,39 +115,19 @@ std::vector<Case> cases() {
         {{"--reboot-url", "tcp://127.0.0.1:{port}?bind=127.0.0.7"}, {"127.0.0.1", "127.0.0.7"}},
         {{"--bind", "127.0.0.8", "--reboot-url", "tcp://127.0.0.1:{port}"}, {"127.0.0.8", "127.0.0.8"}},
     };
-    // clang-format on
     for (const auto& [options, from] : binds) {
         std::vector<std::string> args = {kImage};
         args.insert(args.end(), options.begin(), options.end());
-        all.push_back({"bound as case " + std::to_string(all.size()),
-                       {},
-                       "QORFW b\n",
-                       args,
-                       0,
-                       kAny,
-                       "",
-                       from});
+        all.push_back({"bound as case " + std::to_string(all.size()), {}, "QORFW b\n", args, 0, kAny,
+                       "", from});
     }
     // The percentages around chunk boundaries.
     for (size_t size : {1, 4095, 4096, 4097, 8191, 8192, 8193, 409600 + 1}) {
-        all.push_back({"image of " + std::to_string(size) + " bytes",
-                       {},
-                       image(size),
-                       {kImage},
-                       0,
-                       receiving(size) + progress(size) + kFlashing + kAny,
-                       ""});
+        all.push_back({"image of " + std::to_string(size) + " bytes", {}, image(size), {kImage}, 0,
+                       receiving(size) + progress(size) + kFlashing + kAny, ""});
     }
+    // clang-format on
     return all;
-}
-
-std::string fill(std::string text, const std::string& dir, unsigned short port) {
-    for (const auto& [key, value] :
-         {std::pair<std::string, std::string>{"{dir}", dir}, {"{port}", std::to_string(port)}}) {
-        for (size_t at; (at = text.find(key)) != std::string::npos;)
-            text.replace(at, key.size(), value);
-    }
-    return text;
 }
 
 // What went wrong with one case, or "".
@@ -160,8 +140,10 @@ std::string upgrade(const Case& c) {
     Sim sim(sim_args);
     const std::string path = dir.write("fw.zpk", c.image);
     if (c.grow_to != 0 && truncate(path.c_str(), c.grow_to) != 0) return "cannot grow the image";
+    const std::vector<std::pair<std::string, std::string>> values = {
+        {"{dir}", dir.path()}, {"{port}", std::to_string(sim.port())}};
     std::vector<std::string> args = {"sysupgrade"};
-    for (const std::string& a : c.args) args.push_back(fill(a, dir.path(), sim.port()));
+    for (const std::string& a : c.args) args.push_back(fill(a, values));
     if (c.twice && sim.run({"sysupgrade", "-c", path}, 120000).status != 0)
         return "first run failed";
     const Result r = sim.run(args, 120000);
@@ -171,7 +153,7 @@ std::string upgrade(const Case& c) {
         failures += "status " + std::to_string(r.status) + "\nout: " + r.out + "\nerr: " + r.err;
     }
     const std::string said = sim.out() + sim.err();
-    if (said.find(fill(c.sim_says, dir.path(), sim.port())) == std::string::npos) {
+    if (said.find(fill(c.sim_says, values)) == std::string::npos) {
         failures += "\nthe simulator did not say " + c.sim_says + ": " + said;
     }
     const bool sent = c.status == 0 || c.out.find("Receiving image") != std::string::npos;
