@@ -47,8 +47,7 @@ class BoardConnection {
 class HostileBoard {
   public:
     using Script = std::function<void(BoardConnection&, int index)>;
-    explicit HostileBoard(Script script);
-    HostileBoard(Script script, int listening_fd);
+    explicit HostileBoard(Script script, int listening_fd = -1);
     ~HostileBoard();
     std::string address() const { return "127.0.0.1:" + m_listener.port_text(); }
     // Later connections are refused.

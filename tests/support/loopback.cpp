@@ -13,22 +13,17 @@
 
 namespace support {
 
-RawListener::RawListener() {
-    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+RawListener::RawListener(int fd) : m_fd(fd) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 16) != 0) {
-        throw std::runtime_error("cannot listen on 127.0.0.1");
+    if (m_fd < 0) {
+        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            listen(m_fd, 16) != 0) {
+            throw std::runtime_error("cannot listen on 127.0.0.1");
+        }
     }
-    socklen_t len = sizeof addr;
-    getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
-}
-
-RawListener::RawListener(int fd) : m_fd(fd) {
-    sockaddr_in addr{};
     socklen_t len = sizeof addr;
     getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
     m_port = ntohs(addr.sin_port);
