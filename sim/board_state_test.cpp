@@ -117,15 +117,24 @@ TEST(BoardState, VersionsOfAnyBytesSurviveTheFile) {
     EXPECT_EQ(file.read()["version"], "2.0 café");
 }
 
-TEST(BoardState, SavingIsCompactAndNeverFollowsALink) {
+// At start the temporaries of dead writers go, and our own pid's leftover;
+// those of live writers, and other files, stay. A save is compact and never
+// follows a link planted where its temporary goes.
+TEST(BoardState, StaleTemporariesGoAndSavingNeverFollowsALink) {
     StateFile file;
     const std::string tmp = file.path + ".tmp." + std::to_string(getpid());
     const std::string victim = file.path + ".victim";
-    std::ofstream(victim) << "keep";
+    const std::string dead = file.path + ".tmp.999999999";  // above any pid_max
+    const std::string alive = file.path + ".tmp.1";         // init is always there
+    const std::string other = file.path + ".tmp.x";
+    for (const std::string& p : {victim, dead, alive, other}) std::ofstream(p) << "keep";
     ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);
     {
-        BoardState state(file.path);  // our own pid's leftover: removed at start
+        BoardState state(file.path);
         EXPECT_NE(access(tmp.c_str(), F_OK), 0);
+        EXPECT_NE(access(dead.c_str(), F_OK), 0);
+        EXPECT_EQ(access(alive.c_str(), F_OK), 0);
+        EXPECT_EQ(access(other.c_str(), F_OK), 0);
         ASSERT_EQ(symlink(victim.c_str(), tmp.c_str()), 0);  // planted again, later
         state.set_fff(false);
     }
@@ -134,18 +143,6 @@ TEST(BoardState, SavingIsCompactAndNeverFollowsALink) {
     const std::string text = support::read_file(file.path);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     EXPECT_EQ(text.find(": "), std::string::npos) << text;
-}
-
-TEST(BoardState, StaleTemporariesOfDeadWritersAreRemoved) {
-    StateFile file;
-    const std::string dead = file.path + ".tmp.999999999";  // above any pid_max
-    const std::string alive = file.path + ".tmp.1";         // init is always there
-    const std::string other = file.path + ".tmp.x";
-    for (const std::string& p : {dead, alive, other}) std::ofstream(p) << "{";
-    BoardState state(file.path);
-    EXPECT_NE(access(dead.c_str(), F_OK), 0);
-    EXPECT_EQ(access(alive.c_str(), F_OK), 0);
-    EXPECT_EQ(access(other.c_str(), F_OK), 0);
 }
 
 TEST(BoardState, UnwritableStateRefusesTheChange) {

@@ -1,6 +1,8 @@
 // The command line of qorc: messages, help, exit statuses, dispatch.
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "harness.h"
 
 namespace e2e {
@@ -57,258 +59,195 @@ const std::string kHelp =
     "\t\t\tfile.\n"
     "\n";
 
-std::string usage() {
-    return "Usage:\n" + std::string(qorc_binary()) + kHelp;
+// One run of qorc. In every text, {at} is the address under test, {usage}
+// the help that follows a check message and {dir} a scratch folder.
+struct Call {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;
+    std::string input = "";  // standard input; kFolder makes it a folder, which cannot be read
+    std::string then = "";   // a line the simulator prints before the next run
+};
+
+// Runs against one address: a simulator started with `sim`; kClosed, where
+// nothing listens; or kNoBoard: qorc alone in an empty network namespace,
+// with the address, if any, in the row.
+struct Group {
+    std::string name;
+    std::vector<std::string> sim;
+    std::vector<Call> runs;
+};
+
+const std::vector<std::string> kNoBoard = {"none"};
+const std::vector<std::string> kClosed = {"closed"};
+const std::string kFolder = "{folder}";
+const std::string kHello = "Try to connect to {at}\n";
+const std::string kVersion = "qorc 4.2.3-41112\n";
+const std::string kNoSub = "Error: expecting sub command\n{usage}";
+const std::string kNoPasscode = "Error: TALVEX passcode is required\n{usage}";
+const std::string kTimeout = "--timeout|-t option require a value > 0\n";
+const std::string kPsi = R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":false})";
+const std::string kIds =
+    "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 353456789012348\n\tSERIAL: QS-000001\n";
+const std::string kFfh = "Fallback to FFH...\rFallback to FFH completed, rebooting\n";
+
+std::string unexpected(const std::string& arg) {
+    return "unexpected argument \"" + arg + "\"\n";
+}
+std::string unknown(const std::string& what, const std::string& arg) {
+    return "unknown " + what + " \"" + arg + "\"\n";
 }
 
-void expect(const Result& r, int status, const std::string& out, const std::string& err) {
-    EXPECT_EQ(r.status, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, err);
-}
+// clang-format off
+const Group kGroups[] = {
+    {"help, version and the command-line scan", kNoBoard, {
+        {{"-h"}, 0, "", "{usage}"},
+        {{"-h", "--bogus"}, 0, "", "{usage}"},
+        {{"--bogus", "-h"}, 1, "", unknown("option", "--bogus")},
+        {{"--version"}, 0, kVersion, ""},
+        {{"--version", "-h", "--bogus"}, 0, kVersion, ""},
+        {{"activate", "--version"}, 0, kVersion, ""},
+        // Check messages come with the help; the fw check comes first.
+        {{}, 1, "", kNoSub},
+        {{"--url", "127.0.0.5", "-c", "-n"}, 1, "", kNoSub},
+        {{"sysupgrade"}, 1, "", "Error: fw path is required\n{usage}"},
+        {{"sysupgrade", "psi_set"}, 1, "", "Error: fw path is required\n{usage}"},
+        {{"psi_set"}, 1, "", "Error: json path is required\n{usage}"},
+        {{"reset_imei"}, 1, "", "Error: file path is required\n{usage}"},
+        {{"activate"}, 1, "", kNoPasscode},
+        // A free argument goes to psi_get before activate, whatever the order.
+        {{"psi_get", "activate", "TALVEX-5678"}, 1, "", kNoPasscode},
+        // Scan messages stand alone, and stop everything behind them.
+        {{"-u"}, 1, "", "--url|-u option require an argument\n"},
+        {{"discover", "--url"}, 1, "", "--url|-u option require an argument\n"},
+        {{"--bind"}, 1, "", "--bind option require an argument\n"},
+        {{"-t"}, 1, "", "--timeout|-t option require an argument\n"},
+        {{"--timeout", "0"}, 1, "", kTimeout},
+        {{"--timeout", "abc"}, 1, "", kTimeout},
+        {{"-t", "-5"}, 1, "", kTimeout},
+        {{"sysupgrade", "a", "b"}, 1, "", unexpected("b")},
+        {{"psi_get", "a", "b"}, 1, "", unexpected("b")},
+        {{"activate", "a", "b"}, 1, "", unexpected("b")},
+        {{"reset_imei", "a", "b"}, 1, "", unexpected("b")},
+        {{"foo"}, 1, "", unknown("command", "foo")},
+        {{"foo", "--version"}, 1, "", unknown("command", "foo")},
+        {{""}, 1, "", unknown("command", "")},
+        {{"-x"}, 1, "", unknown("option", "-x")},
+        // A lone "-" is an operand; these sub-commands take none.
+        {{"-"}, 1, "", unknown("command", "-")},
+        {{"fw_version", "-"}, 1, "", unknown("command", "-")},
+        {{"fw_version", "foo"}, 1, "", unknown("command", "foo")},
+        // The default address, tried from an empty network namespace.
+        {{"discover"}, 1, "Try to connect to 192.168.15.1:7000\n",
+         "Error: Failed to connect to 192.168.15.1:7000\n"},
+        // A later --url wins; an empty port or none is 7000.
+        {{"-u", "127.0.0.9:1", "--url", "127.0.0.5:", "discover"}, 1,
+         "Try to connect to 127.0.0.5:7000\n", "Error: Failed to connect to 127.0.0.5:7000\n"},
+        {{"--url", "127.0.0.5", "discover"}, 1, "Try to connect to 127.0.0.5:7000\n",
+         "Error: Failed to connect to 127.0.0.5:7000\n"},
+        // An option value is the next argument, whatever it looks like.
+        {{"--url", "discover", "--url", "127.0.0.1:no-such-port", "discover"}, 1,
+         "Try to connect to 127.0.0.1:no-such-port\n",
+         "Error: Failed to resolve hostname 127.0.0.1:no-such-port\n"}}},
+    {"nothing listens", kClosed, {
+        {{"discover"}, 1, kHello, "Error: Failed to connect to {at}\n"},
+        // For sysupgrade "-" is a file name like any other: the scan accepts it.
+        {{"sysupgrade", "-"}, 1, kHello, "Error: Failed to connect to {at}\n"}}},
+    {"discover, bind and the dispatch order", {"--reboot-delay-ms", "300"}, {
+        {{"discover"}, 0, kHello, ""},
+        {{"--bind", "127.0.0.2", "discover"}, 0, kHello, ""},
+        {{"--bind", "192.0.2.1", "discover"}, 1, kHello, "Error: Failed to bind to 192.0.2.1\n"},
+        // "30s" reads as 30; a trailing --reboot-url is taken as empty.
+        {{"-t", "30s", "discover", "--reboot-url"}, 0, kHello, ""},
+        // fw_version is last in the dispatch list, but it counts as a sub-command.
+        {{"fw_version"}, 0, kHello + "FW version: qord-sim 1.0.0\n", ""},
+        {{"discover", "fw_version"}, 0, kHello + "FW version: qord-sim 1.0.0\n", ""},
+        {{"fw_version", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFF\n", ""},
+        {{"fw_version", "activate", "TALVEX-5678"}, 0, kHello, ""},
+        // The path goes to reset_imei, then psi_get is set and runs first, with it.
+        {{"reset_imei", "{dir}/psi.json", "psi_get"}, 0, kHello, ""},
+        {{"psi_set", "{dir}/psi.json"}, 0, kHello + "json: " + kPsi + "\n\n", ""},
+        // The argument before activate went to psi_set; activate still needs its own.
+        {{"psi_get", "psi_set", "x", "activate"}, 1, "", kNoPasscode},
+        // fallback_ffh wins over a valid sysupgrade; fw_config_mode precedes psi_get.
+        {{"sysupgrade", "fw.zpk", "fallback_ffh"}, 0, kHello + kFfh, "", "", "back on"},
+        {{"psi_get", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFH\n", ""}}},
+    {"a board without the version service", {"--no-version"}, {
+        {{"fw_version"}, 1, kHello, "Error: No handler found\n"}}},
+    {"a board that cannot read its version", {"--fail", "version=version store unreadable"}, {
+        {{"fw_version"}, 1, kHello, "Error: version store unreadable\n"}}},
+    {"a lone dash is standard input or output", {}, {
+        {{"psi_get", "-"}, 0, kHello + kPsi + "\n", ""},
+        // The whole of standard input, sent as it is.
+        {{"psi_set", "-"}, 0, kHello + "json: {\"roaming\": true}\n\n", "",
+         "{\"roaming\": true}\n"},
+        {{"psi_get", "-"}, 0,
+         kHello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})" "\n", ""},
+        {{"reset_imei", "-"}, 0, kHello + kIds, "",
+         "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
+        {{"reset_imei", "-"}, 1, kHello + kIds, "Error: IMEI reset refused: wrong passcode\n",
+         "02-00-5e-10-00-01 RESET-0000\n"},
+        {{"reset_imei", "-"}, 1, kHello + kIds,
+         "No passcode found for this device (02:00:5E:10:00:01)\n"},
+        // The first line of standard input, without its line end.
+        {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\nTALVEX-0000\n"},
+        {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\r\n"},
+        {{"activate", "-"}, 0, kHello, "", "TALVEX-5678"},
+        {{"activate", "-"}, 1, kHello, "Error: TALVEX activation refused: wrong passcode\n",
+         "TALVEX-0000\nTALVEX-5678\n"},
+        // Read before connecting: an empty one costs no connection.
+        {{"activate", "-"}, 1, "", kNoPasscode, ""},
+        {{"activate", "-"}, 1, "", kNoPasscode, "\nTALVEX-5678\n"}}},
+    // Reading a folder fails, as a broken pipe or a disk error would; a
+    // remote call would say so.
+    {"standard input that cannot be read", {"--drop", "get"}, {
+        {{"psi_set", "-"}, 2, kHello, "Failed to read \"-\"\n", kFolder},
+        {{"reset_imei", "-"}, 2, kHello, "Failed to read \"-\"\n", kFolder},
+        {{"activate", "-"}, 2, "", "Failed to read \"-\"\n", kFolder}}},
+};
+// clang-format on
 
-TEST(Cli, HelpAndVersion) {
-    expect(run_qorc({"-h"}), 0, "", usage());
-    expect(run_qorc({"-h", "--bogus"}), 0, "", usage());
-    expect(run_qorc({"--bogus", "-h"}), 1, "", "unknown option \"--bogus\"\n");
-    expect(run_qorc({"--version"}), 0, "qorc 4.2.3-41112\n", "");
-    expect(run_qorc({"--version", "-h", "--bogus"}), 0, "qorc 4.2.3-41112\n", "");
-    expect(run_qorc({"activate", "--version"}), 0, "qorc 4.2.3-41112\n", "");
-}
-
-TEST(Cli, CheckMessagesComeWithTheHelp) {
-    expect(run_qorc({}), 1, "", "Error: expecting sub command\n" + usage());
-    expect(run_qorc({"--url", "127.0.0.5", "-c", "-n"}), 1, "",
-           "Error: expecting sub command\n" + usage());
-    expect(run_qorc({"sysupgrade"}), 1, "", "Error: fw path is required\n" + usage());
-    expect(run_qorc({"psi_set"}), 1, "", "Error: json path is required\n" + usage());
-    expect(run_qorc({"reset_imei"}), 1, "", "Error: file path is required\n" + usage());
-    expect(run_qorc({"activate"}), 1, "", "Error: TALVEX passcode is required\n" + usage());
-    // The fw check comes first.
-    expect(run_qorc({"sysupgrade", "psi_set"}), 1, "", "Error: fw path is required\n" + usage());
-}
-
-TEST(Cli, ScanMessagesStandAlone) {
-    expect(run_qorc({"-u"}), 1, "", "--url|-u option require an argument\n");
-    expect(run_qorc({"discover", "--url"}), 1, "", "--url|-u option require an argument\n");
-    expect(run_qorc({"--bind"}), 1, "", "--bind option require an argument\n");
-    expect(run_qorc({"-t"}), 1, "", "--timeout|-t option require an argument\n");
-    expect(run_qorc({"--timeout", "0"}), 1, "", "--timeout|-t option require a value > 0\n");
-    expect(run_qorc({"--timeout", "abc"}), 1, "", "--timeout|-t option require a value > 0\n");
-    expect(run_qorc({"-t", "-5"}), 1, "", "--timeout|-t option require a value > 0\n");
-    expect(run_qorc({"sysupgrade", "a", "b"}), 1, "", "unexpected argument \"b\"\n");
-    expect(run_qorc({"psi_get", "a", "b"}), 1, "", "unexpected argument \"b\"\n");
-    expect(run_qorc({"activate", "a", "b"}), 1, "", "unexpected argument \"b\"\n");
-    expect(run_qorc({"reset_imei", "a", "b"}), 1, "", "unexpected argument \"b\"\n");
-    expect(run_qorc({"foo"}), 1, "", "unknown command \"foo\"\n");
-    expect(run_qorc({""}), 1, "", "unknown command \"\"\n");
-    expect(run_qorc({"-x"}), 1, "", "unknown option \"-x\"\n");
-    // A lone "-" is an operand; these sub-commands take none.
-    expect(run_qorc({"-"}), 1, "", "unknown command \"-\"\n");
-    expect(run_qorc({"fw_version", "-"}), 1, "", "unknown command \"-\"\n");
-    expect(run_qorc({"fw_version", "foo"}), 1, "", "unknown command \"foo\"\n");
-    // A scan message stops everything behind it.
-    expect(run_qorc({"foo", "--version"}), 1, "", "unknown command \"foo\"\n");
-}
-
-TEST(Cli, AddressForming) {
-    // The default address, tried from an empty network namespace.
-    expect(run_qorc({"discover"}), 1, "Try to connect to 192.168.15.1:7000\n",
-           "Error: Failed to connect to 192.168.15.1:7000\n");
-    const std::string closed = closed_address();
-    const std::string port = closed.substr(closed.find(':') + 1);
-    expect(run_qorc({"--url", closed, "discover"}), 1, "Try to connect to " + closed + "\n",
-           "Error: Failed to connect to " + closed + "\n");
-    // A later --url wins; an empty port is 7000.
-    Result r = run_qorc({"-u", "127.0.0.9:1", "--url", "127.0.0.5:", "discover"});
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "Try to connect to 127.0.0.5:7000");
-    r = run_qorc({"--url", "127.0.0.5", "discover"});
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "Try to connect to 127.0.0.5:7000");
-    // An option value is the next argument, whatever it looks like.
-    expect(run_qorc({"--url", "discover", "--url", "127.0.0.1:no-such-port", "discover"}), 1,
-           "Try to connect to 127.0.0.1:no-such-port\n",
-           "Error: Failed to resolve hostname 127.0.0.1:no-such-port\n");
-}
-
-TEST(Cli, DiscoverAndBind) {
-    Sim sim;
-    expect(run_qorc({"--url", sim.address(), "discover"}), 0,
-           "Try to connect to " + sim.address() + "\n", "");
-    expect(run_qorc({"--bind", "127.0.0.2", "-u", sim.address(), "discover"}), 0,
-           "Try to connect to " + sim.address() + "\n", "");
-    expect(run_qorc({"--bind", "192.0.2.1", "-u", sim.address(), "discover"}), 1,
-           "Try to connect to " + sim.address() + "\n", "Error: Failed to bind to 192.0.2.1\n");
-    // "30s" reads as 30; a trailing --reboot-url is taken as empty.
-    expect(run_qorc({"-t", "30s", "-u", sim.address(), "discover", "--reboot-url"}), 0,
-           "Try to connect to " + sim.address() + "\n", "");
+TEST(Cli, Runs) {
+    for (const Group& g : kGroups) {
+        SCOPED_TRACE(g.name);
+        std::unique_ptr<Sim> sim;
+        if (g.sim != kNoBoard && g.sim != kClosed) sim = std::make_unique<Sim>(g.sim);
+        const std::string address = sim ? sim->address() : closed_address();
+        TempDir dir;
+        const std::vector<std::pair<std::string, std::string>> values = {
+            {"{usage}", "Usage:\n" + std::string(qorc_binary()) + kHelp},
+            {"{at}", address},
+            {"{dir}", dir.path()}};
+        for (const Call& r : g.runs) {
+            std::vector<std::string> args;
+            if (g.sim != kNoBoard) args = {"--url", address};
+            for (const std::string& a : r.args) args.push_back(fill(a, values));
+            SCOPED_TRACE(testing::PrintToString(args) + " reading " +
+                         testing::PrintToString(r.input));
+            const std::string input = r.input == kFolder ? dir.path() : dir.write("in", r.input);
+            // Standard input from `input`, through a shell.
+            args.insert(args.begin(), {"-c", "exec \"$@\" < \"$0\"", input, qorc_binary()});
+            if (g.sim == kNoBoard) args.insert(args.begin() + 3, {"/usr/bin/unshare", "--net"});
+            EXPECT_RUN(run_command("/bin/sh", args), r.status, fill(r.out, values),
+                       fill(r.err, values));
+            if (!r.then.empty()) {
+                ASSERT_TRUE(sim->wait_output(r.then));
+            }
+        }
+    }
 }
 
 TEST(Cli, HostNamesResolveThroughTheSystemResolver) {
     if (!enter_private_network()) GTEST_SKIP() << "needs a network namespace of its own";
     Sim sim;
     const std::string port = std::to_string(sim.port());
-    expect(run_qorc({"--url", "localhost:" + port, "discover"}), 0,
-           "Try to connect to localhost:" + port + "\n", "");
+    EXPECT_RUN(run_at("localhost:" + port, {"discover"}), 0, hello("localhost:" + port), "");
     EXPECT_TRUE(sim.wait_output("connection from"));
     // A name nobody knows: here, no name server is reachable either.
-    expect(run_qorc({"--url", "no-such-board.invalid:" + port, "discover"}), 1,
-           "Try to connect to no-such-board.invalid:" + port + "\n",
-           "Error: Failed to resolve hostname no-such-board.invalid:" + port + "\n");
-}
-
-TEST(Cli, DispatchFollowsTheListNotTheWordOrder) {
-    Sim sim;
-    TempDir dir;
-    const std::string file = dir.file("psi.json");
-    // "file" goes to reset_imei, then psi_get is set and runs first, with it.
-    Result r = run_qorc({"-u", sim.address(), "reset_imei", file, "psi_get"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "Try to connect to " + sim.address() + "\n");
-    EXPECT_EQ(read_file(file).substr(0, 7), "{\"apn\":");
-
-    // fallback_ffh wins over a valid sysupgrade.
-    expect(run_qorc({"-u", sim.address(), "sysupgrade", "fw.zpk", "fallback_ffh"}), 0,
-           "Try to connect to " + sim.address() +
-               "\nFallback to FFH...\rFallback to FFH completed, rebooting\n",
-           "");
-    ASSERT_TRUE(sim.wait_output("back on"));
-    // fw_config_mode precedes psi_get.
-    expect(run_qorc({"-u", sim.address(), "psi_get", "fw_config_mode"}), 0,
-           "Try to connect to " + sim.address() + "\nFW configuration mode: FFH\n", "");
-    // A free argument goes to psi_get before activate, whatever the order.
-    expect(run_qorc({"psi_get", "activate", "TALVEX-5678"}), 1, "",
-           "Error: TALVEX passcode is required\n" + usage());
-    // The argument before activate went to psi_set; activate still needs its own.
-    expect(run_qorc({"-u", sim.address(), "psi_get", "psi_set", "x", "activate"}), 1, "",
-           "Error: TALVEX passcode is required\n" + usage());
-    expect(run_qorc({"-u", sim.address(), "activate", "TALVEX-5678"}), 0,
-           "Try to connect to " + sim.address() + "\n", "");
-}
-
-// One run of qorc and what it must print; `input` is its standard input.
-struct Case {
-    std::vector<std::string> args;
-    int status;
-    std::string out;
-    std::string err;
-    std::string input = "";
-};
-
-// qorc with standard input read from the file (or directory) `input_path`.
-Result run_qorc_reading(const std::string& input_path, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {"-c", "exec \"$@\" < \"$0\"", input_path, qorc_binary()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_command("/bin/sh", argv);
-}
-
-void run_cases(const std::string& address, const std::vector<Case>& cases) {
-    TempDir dir;
-    for (const Case& c : cases) {
-        std::vector<std::string> args = {"--url", address};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        SCOPED_TRACE(testing::PrintToString(args) + " reading " + testing::PrintToString(c.input));
-        expect(run_qorc_reading(dir.write("stdin", c.input), args), c.status, c.out, c.err);
-    }
-}
-
-TEST(Cli, FwVersion) {
-    Sim sim;
-    const std::string hello = "Try to connect to " + sim.address() + "\n";
-    const std::string version = hello + "FW version: qord-sim 1.0.0\n";
-    run_cases(sim.address(),
-              {
-                  {{"fw_version"}, 0, version, ""},
-                  // Last in the dispatch list, but it counts as a sub-command.
-                  {{"discover", "fw_version"}, 0, version, ""},
-                  {{"fw_version", "fw_config_mode"}, 0, hello + "FW configuration mode: FFF\n", ""},
-                  {{"fw_version", "activate", "TALVEX-5678"}, 0, hello, ""},
-              });
-    Sim bare({"--no-version"});
-    run_cases(bare.address(), {{{"fw_version"},
-                                1,
-                                "Try to connect to " + bare.address() + "\n",
-                                "Error: No handler found\n"}});
-    Sim failing({"--fail", "version=version store unreadable"});
-    run_cases(failing.address(), {{{"fw_version"},
-                                   1,
-                                   "Try to connect to " + failing.address() + "\n",
-                                   "Error: version store unreadable\n"}});
-}
-
-TEST(Cli, DashIsStandardInputOrOutput) {
-    Sim sim;
-    const std::string hello = "Try to connect to " + sim.address() + "\n";
-    const std::string ids =
-        "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 353456789012348\n"
-        "\tSERIAL: QS-000001\n";
-    const std::string patch = "{\"roaming\": true}\n";
-    const std::string required = "Error: TALVEX passcode is required\n" + usage();
-    run_cases(sim.address(),
-              {
-                  {{"psi_get", "-"},
-                   0,
-                   hello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":false})"
-                           "\n",
-                   ""},
-                  // The whole of standard input, sent as it is.
-                  {{"psi_set", "-"}, 0, hello + "json: " + patch + "\n", "", patch},
-                  {{"psi_get", "-"},
-                   0,
-                   hello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})"
-                           "\n",
-                   ""},
-                  {{"reset_imei", "-"},
-                   0,
-                   hello + ids,
-                   "",
-                   "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
-                  {{"reset_imei", "-"},
-                   1,
-                   hello + ids,
-                   "Error: IMEI reset refused: wrong passcode\n",
-                   "02-00-5e-10-00-01 RESET-0000\n"},
-                  {{"reset_imei", "-"},
-                   1,
-                   hello + ids,
-                   "No passcode found for this device (02:00:5E:10:00:01)\n",
-                   ""},
-                  // The first line of standard input, without its line end.
-                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678\nTALVEX-0000\n"},
-                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678\r\n"},
-                  {{"activate", "-"}, 0, hello, "", "TALVEX-5678"},
-                  {{"activate", "-"},
-                   1,
-                   hello,
-                   "Error: TALVEX activation refused: wrong passcode\n",
-                   "TALVEX-0000\nTALVEX-5678\n"},
-                  // Read before connecting: an empty one costs no connection.
-                  {{"activate", "-"}, 1, "", required, ""},
-                  {{"activate", "-"}, 1, "", required, "\nTALVEX-5678\n"},
-              });
-    // For sysupgrade it is a file name like any other: the scan accepts it.
-    const std::string closed = closed_address();
-    run_cases(closed, {{{"sysupgrade", "-"},
-                        1,
-                        "Try to connect to " + closed + "\n",
-                        "Error: Failed to connect to " + closed + "\n"}});
-}
-
-TEST(Cli, UnreadableStandardInput) {
-    // Reading a directory fails, as a broken pipe or a disk error would.
-    Sim sim({"--drop", "get"});  // a remote call would say so
-    TempDir dir;
-    const std::string hello = "Try to connect to " + sim.address() + "\n";
-    const std::vector<Case> cases = {
-        {{"psi_set", "-"}, 2, hello, "Failed to read \"-\"\n"},
-        {{"reset_imei", "-"}, 2, hello, "Failed to read \"-\"\n"},
-        {{"activate", "-"}, 2, "", "Failed to read \"-\"\n"},  // before connecting
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> args = {"--url", sim.address()};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        SCOPED_TRACE(testing::PrintToString(args));
-        expect(run_qorc_reading(dir.path(), args), c.status, c.out, c.err);
-    }
+    const std::string nobody = "no-such-board.invalid:" + port;
+    EXPECT_RUN(run_at(nobody, {"discover"}), 1, hello(nobody),
+               "Error: Failed to resolve hostname " + nobody + "\n");
 }
 
 TEST(Cli, PasscodeNeverShowsInTheProcessList) {

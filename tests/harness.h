@@ -9,6 +9,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "eventually.h"
@@ -48,8 +49,13 @@ Result run_at(const std::string& address, std::vector<std::string> args, int tim
 // qorc's first line when it connects to `address`.
 std::string hello(const std::string& address);
 
+// `text` with each {key} of `values` replaced by its value.
+std::string fill(std::string text, const std::vector<std::pair<std::string, std::string>>& values);
+// `text` against `pattern`, in which each {any} stands for any run of
+// characters.
+bool matches(std::string_view text, std::string_view pattern);
 // A finished run against its exit status and its whole standard output and
-// error; the failure names each that differs.
+// error (patterns as for matches()); the failure names each that differs.
 ::testing::AssertionResult ran(const Result& r, int status, const std::string& out,
                                const std::string& err);
 #define EXPECT_RUN(result, status, out, err) EXPECT_TRUE(::e2e::ran(result, status, out, err))
@@ -108,5 +114,28 @@ using support::closed_address;
 // that resolve names: nothing outside this machine can be asked. False where
 // that is not allowed (not root).
 bool enter_private_network();
+
+// Network namespaces <base><name> for one test, base being <prefix><pid>,
+// with an optional tag. They are made by shell steps, and all of them go with
+// the object, also on failure; those of earlier runs that were killed go
+// when it is made. Root only.
+class Namespaces {
+  public:
+    Namespaces(const std::string& prefix, std::vector<std::string> names,
+               const std::string& tag = "");
+    ~Namespaces();
+    Namespaces(const Namespaces&) = delete;
+    Namespaces& operator=(const Namespaces&) = delete;
+    std::string name(const std::string& n) const { return m_base + n; }
+    // Runs shell `steps` with $1 the base and $2... `more`; throws
+    // std::runtime_error with the steps' error output when they fail.
+    void sh(const std::string& steps, const std::vector<std::string>& more = {}) const;
+    // The argument vector that runs `args` inside namespace `n`.
+    std::vector<std::string> exec(const std::string& n, std::vector<std::string> args) const;
+
+  private:
+    std::string m_base;
+    std::vector<std::string> m_names;
+};
 
 }  // namespace e2e

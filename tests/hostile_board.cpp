@@ -35,7 +35,8 @@ void BoardConnection::answer(const wire::Message& to, uint32_t status,
     m_conn.write(wire::frame(wire::parts(m)));
 }
 
-HostileBoard::HostileBoard(Script script) : m_script(std::move(script)) {
+HostileBoard::HostileBoard(Script script, int listening_fd)
+    : m_script(std::move(script)), m_listener(listening_fd) {
     m_thread = std::thread(&HostileBoard::serve, this);
 }
 

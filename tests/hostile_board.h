@@ -35,17 +35,19 @@ class BoardConnection {
     // Waits until qorc closes the connection.
     void wait_closed() { m_conn.drain(); }
     void close() { m_conn.close(); }
+    int fd() const { return m_conn.fd(); }
 
   private:
     support::RawConnection m_conn;
 };
 
-// Accepts connections on 127.0.0.1 one after another and runs the script on
-// each, given the connection's index from 0, on a thread of its own.
+// Accepts connections on 127.0.0.1, or on the listening socket it is given,
+// one after another and runs the script on each, given the connection's
+// index from 0, on a thread of its own.
 class HostileBoard {
   public:
     using Script = std::function<void(BoardConnection&, int index)>;
-    explicit HostileBoard(Script script);
+    explicit HostileBoard(Script script, int listening_fd = -1);
     ~HostileBoard();
     std::string address() const { return "127.0.0.1:" + m_listener.port_text(); }
     // Later connections are refused.

@@ -39,7 +39,8 @@ void upgrade(Lab& lab, std::function<void(size_t)> before, std::function<void(si
 }
 
 void all_acknowledged(Lab& lab) {
-    if (!Lab::eventually([&] { return lab.unacked() == 0; })) lab.fail("a chunk stays unacked");
+    if (!eventually([&] { return lab.unacked() == 0; }, 5000, 20))
+        lab.fail("a chunk stays unacked");
 }
 
 void power_loss_with_a_chunk_unacknowledged(Lab& lab) {
@@ -51,7 +52,7 @@ void power_loss_with_a_chunk_unacknowledged(Lab& lab) {
     const auto after = [&lab](size_t got) {
         if (got != kFaultAt) return;
         // qorc answers the NEXT with a chunk that never arrives.
-        if (!Lab::eventually([&] { return lab.unacked() > 0; })) lab.fail("nothing in flight");
+        if (!eventually([&] { return lab.unacked() > 0; }, 5000, 20)) lab.fail("nothing in flight");
         lab.vanish();
         throw std::runtime_error("power lost");
     };
@@ -91,18 +92,15 @@ void silent_board_loses_power(Lab& lab) {
 // Takes the command, goes off (its stack forgets the connection, and the
 // reset that says so is lost) and comes back a few seconds later.
 void board_reboots_without_closing(Lab& lab) {
-    const int listener = lab.listen();
-    lab.board([&lab, listener] {
-        const int fd = lab.accept(listener);
-        BoardConnection c(fd);
+    lab.serve([&lab](BoardConnection& c, int) {
         c.handshake();
         c.next();
         all_acknowledged(lab);  // qorc has nothing left to send
         lab.vanish();
         const linger abort{1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        setsockopt(c.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
         c.close();
-        close(listener);
+        lab.stop_listening();
         std::this_thread::sleep_for(seconds(3));
         lab.revive();
     });
@@ -115,7 +113,7 @@ void board_dies_during_the_boot_end_wait(Lab& lab) {
     lab.start_sim(
         {"--reboot-delay-ms", "200", "--reboot-grace-ms", "50", "--boot-time-ms", "600000"});
     lab.start_qorc({"sysupgrade", image(lab, 3 * kChunk), "-t", "30"});
-    if (!Lab::eventually([&] { return count_of(lab.sim_out(), "connection from") >= 2; }, 30000)) {
+    if (!eventually([&] { return count_of(lab.sim_out(), "connection from") >= 2; }, 30000, 20)) {
         lab.fail("qorc never came back after the reboot");
     }
     std::this_thread::sleep_for(seconds(3));
@@ -219,7 +217,6 @@ LabOutcome run_case(int index, const Case& c) {
 TEST(LinkFaults, DeadLinksEndInAnErrorLiveBoardsAreWaitedFor) {
     REQUIRE_PRIVATE_TMP();
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
-    Lab::remove_stale();
     std::vector<std::future<LabOutcome>> runs;
     for (const Case& c : kCases) {
         const int index = static_cast<int>(runs.size());
@@ -235,17 +232,12 @@ TEST(LinkFaults, DeadLinksEndInAnErrorLiveBoardsAreWaitedFor) {
             ADD_FAILURE() << o.trouble;
             continue;
         }
-        const std::string output = "\nout: " + o.run.out.substr(0, 2000) + "\nerr: " + o.run.err;
-        EXPECT_NE(o.run.out.find(c.shows), std::string::npos) << output;
-        EXPECT_GE(o.took, c.at_least) << output;
-        if (c.error.empty()) {
-            EXPECT_EQ(o.run.status, 0) << output;
-            continue;
-        }
-        EXPECT_EQ(o.run.status, 1) << output;
-        EXPECT_NE(o.run.err.find(c.error), std::string::npos) << output;
+        EXPECT_RUN(o.run, c.error.empty() ? 0 : 1, "{any}" + c.shows + "{any}",
+                   "{any}" + c.error + "{any}");
+        EXPECT_GE(o.took, c.at_least);
+        if (c.error.empty()) continue;
         EXPECT_GE(o.from_fault, 0.0) << "no fault";
-        EXPECT_LE(o.from_fault, kReportedWithin) << output;
+        EXPECT_LE(o.from_fault, kReportedWithin);
     }
 }
 

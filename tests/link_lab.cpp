@@ -1,16 +1,13 @@
 #include "link_lab.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,24 +15,26 @@ namespace e2e {
 
 namespace {
 
-const char* const kIp = "/bin/ip";
-const char* const kTc = "/sbin/tc";
-const std::string kPrefix = "qlf";
 const unsigned short kBoardPort = 7000;  // qorc's default
 // The board's end of a connection as the kernel's socket table writes it.
 const char* const kBoardInTable = "010FA8C0:1B58";
 
+// The host $1h and the board $1b, joined by a veth pair; the board's link
+// "sink" is left down, so that whatever is sent there is lost.
+const char* const kBuild = R"(set -e
+for n in h b; do ip netns add $1$n; ip -n $1$n link set lo up; done
+ip -n $1h link add up0 type veth peer name eth0 netns $1b
+ip -n $1h addr add 192.168.15.100/24 dev up0; ip -n $1h link set up0 up
+ip -n $1b addr add 192.168.15.1/24 dev eth0; ip -n $1b link set eth0 up
+ip -n $1b link add sink type veth peer name sink1
+tc -n $1b qdisc add dev eth0 clsact)";
+// Every packet that crosses the board's link in direction $2 goes to the sink.
+const char* const kDrop =
+    "tc -n $1b filter add dev eth0 $2 protocol all u32 match u32 0 0 action mirred egress "
+    "redirect dev sink";
+
 double seconds_between(Lab::Clock::time_point from, Lab::Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
-}
-
-// Runs `binary` with the blank-separated words of `line`; throws when it fails.
-void run_ok(const char* binary, const std::string& line) {
-    std::vector<std::string> args;
-    std::istringstream words(line);
-    for (std::string w; words >> w;) args.push_back(w);
-    const Result r = run_command(binary, args, 20000);
-    if (r.status != 0) throw std::runtime_error(std::string(binary) + " " + line + ": " + r.err);
 }
 
 // Runs `make` on a thread that has entered network namespace `ns`: the
@@ -63,47 +62,17 @@ sockaddr_in board_address(unsigned short port) {
 
 }  // namespace
 
-Lab::Lab(int index)
-    : m_host(kPrefix + std::to_string(getpid()) + "h" + std::to_string(index)),
-      m_board(kPrefix + std::to_string(getpid()) + "b" + std::to_string(index)) {}
+Lab::Lab(int index) : m_net("qlf", {"h", "b"}, "_" + std::to_string(index)) {}
 
 Lab::~Lab() {
-    m_stop = true;
     m_qorc.reset();  // kills what still runs
     m_sim.reset();
-    for (std::thread& t : m_threads) t.join();
+    m_boards.clear();
     for (int fd : m_kept) close(fd);
-    for (const std::string& ns : m_made) run_command(kIp, {"netns", "del", ns}, 20000);
-}
-
-void Lab::remove_stale() {
-    DIR* dir = opendir("/run/netns");
-    if (!dir) return;
-    while (dirent* e = readdir(dir)) {
-        const std::string name = e->d_name;
-        if (name.compare(0, kPrefix.size(), kPrefix) != 0) continue;
-        const pid_t pid = static_cast<pid_t>(atol(name.c_str() + kPrefix.size()));
-        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
-            run_command(kIp, {"netns", "del", name}, 20000);
-        }
-    }
-    closedir(dir);
 }
 
 void Lab::build() {
-    for (const std::string& ns : {m_host, m_board}) {
-        run_ok(kIp, "netns add " + ns);
-        m_made.push_back(ns);
-        run_ok(kIp, "-n " + ns + " link set lo up");
-    }
-    run_ok(kIp, "-n " + m_host + " link add up0 type veth peer name eth0 netns " + m_board);
-    run_ok(kIp, "-n " + m_host + " addr add 192.168.15.100/24 dev up0");
-    run_ok(kIp, "-n " + m_board + " addr add " + kBoard + "/24 dev eth0");
-    run_ok(kIp, "-n " + m_host + " link set up0 up");
-    run_ok(kIp, "-n " + m_board + " link set eth0 up");
-    // Left down: whatever is sent there is lost.
-    run_ok(kIp, "-n " + m_board + " link add sink type veth peer name sink1");
-    run_ok(kTc, "-n " + m_board + " qdisc add dev eth0 clsact");
+    m_net.sh(kBuild);
     // The drop must really drop before any case relies on it.
     if (!board_answers()) throw std::runtime_error("the board is not reachable");
     vanish();
@@ -124,14 +93,12 @@ void Lab::drop_inbound() {
 }
 
 void Lab::revive() {
-    for (const char* way : {"ingress", "egress"}) {
-        run_ok(kTc, "-n " + m_board + " filter del dev eth0 " + way);
-    }
+    m_net.sh("tc -n $1b filter del dev eth0 ingress && tc -n $1b filter del dev eth0 egress");
 }
 
 void Lab::pull_cable() {
     mark_fault();
-    run_ok(kIp, "-n " + m_host + " link set up0 down");
+    m_net.sh("ip -n $1h link set up0 down");
 }
 
 void Lab::mark_fault() {
@@ -141,14 +108,13 @@ void Lab::mark_fault() {
 
 void Lab::drop(const char* way) {
     mark_fault();
-    run_ok(kTc, "-n " + m_board + " filter add dev eth0 " + way +
-                    " protocol all u32 match u32 0 0 action mirred egress redirect dev sink");
+    m_net.sh(kDrop, {way});
 }
 
 // A connection to a port where nothing listens is refused by a board that
 // is there, and goes unanswered when it vanished.
 bool Lab::board_answers() {
-    return in_namespace(m_host, [] {
+    return in_namespace(m_net.name("h"), [] {
                const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
                const sockaddr_in a = board_address(9);
                ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a);
@@ -160,7 +126,7 @@ bool Lab::board_answers() {
 }
 
 int Lab::listen() {
-    const int fd = in_namespace(m_board, [] {
+    const int fd = in_namespace(m_net.name("b"), [] {
         const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_in a = board_address(kBoardPort);
         if (bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || ::listen(s, 8) != 0) {
@@ -173,46 +139,14 @@ int Lab::listen() {
     return fd;
 }
 
-int Lab::accept(int listener) {
-    while (!m_stop) {
-        pollfd p{listener, POLLIN, 0};
-        if (poll(&p, 1, 50) == 1) return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    }
-    return -1;
-}
-
-void Lab::board(std::function<void()> body) {
-    m_threads.emplace_back([this, body] {
-        try {
-            body();
-        } catch (const std::runtime_error&) {
-            // A board that died, or a peer that hung up.
-        } catch (const std::exception& e) {
-            note(e.what());
-        }
-    });
-}
-
 void Lab::serve(HostileBoard::Script script) {
-    const int listener = listen();
-    board([this, script, listener] {
-        for (int i = 0;; ++i) {
-            const int fd = accept(listener);
-            if (fd < 0) break;
-            BoardConnection c(fd);
-            try {
-                script(c, i);
-            } catch (const std::runtime_error&) {
-            }
-        }
-        close(listener);
-    });
+    m_boards.push_back(std::make_unique<HostileBoard>(std::move(script), listen()));
 }
 
 void Lab::start_sim(std::vector<std::string> args) {
-    args.insert(args.begin(), {"netns", "exec", m_board, qord_sim_binary(), "--listen",
+    args.insert(args.begin(), {qord_sim_binary(), "--listen",
                                std::string(kBoard) + ":" + std::to_string(kBoardPort)});
-    m_sim = std::make_unique<support::ServerProcess>(kIp, args);
+    m_sim = std::make_unique<support::ServerProcess>("/bin/ip", m_net.exec("b", args));
 }
 
 std::string Lab::sim_out() const {
@@ -220,14 +154,15 @@ std::string Lab::sim_out() const {
 }
 
 void Lab::start_qorc(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"netns", "exec", m_host, qorc_binary(), "--url", kBoard};
+    std::vector<std::string> all = {qorc_binary(), "--url", kBoard};
     all.insert(all.end(), args.begin(), args.end());
     m_started = Clock::now();
-    m_qorc = std::make_unique<Process>(kIp, all, m_dir.file("out"), m_dir.file("err"));
+    m_qorc = std::make_unique<Process>("/bin/ip", m_net.exec("h", all), m_dir.file("out"),
+                                       m_dir.file("err"));
 }
 
 long Lab::unacked() {
-    const Result r = run_command(kIp, {"netns", "exec", m_host, "cat", "/proc/net/tcp"});
+    const Result r = run_command("/bin/ip", m_net.exec("h", {"cat", "/proc/net/tcp"}));
     std::istringstream lines(r.out);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream f(line);
@@ -239,22 +174,12 @@ long Lab::unacked() {
     return -1;
 }
 
-bool Lab::eventually(const std::function<bool()>& done, int timeoutMs) {
-    for (const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs); Clock::now() < end;
-         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-        if (done()) return true;
-    }
-    return done();
-}
-
 void Lab::fail(const std::string& why) {
-    note(why);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_trouble.empty()) m_trouble = why;
+    }
     throw std::runtime_error(why);
-}
-
-void Lab::note(const std::string& why) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_trouble.empty()) m_trouble = why;
 }
 
 LabOutcome Lab::finish() {
@@ -268,9 +193,7 @@ LabOutcome Lab::finish() {
     }
     o.run.out = qorc_out();
     o.run.err = read_file(m_dir.file("err"));
-    m_stop = true;
-    for (std::thread& t : m_threads) t.join();
-    m_threads.clear();
+    m_boards.clear();
     std::lock_guard<std::mutex> lock(m_mutex);
     o.trouble = m_trouble;
     return o;

@@ -6,11 +6,11 @@
 // inside these namespaces, which go with the Lab, also on failure. Root only.
 //
 // Threads: the case's own thread builds the Lab, starts qorc and finishes;
-// board threads (board(), serve()) may call the faults, listen, accept,
-// unacked and fail at the same time.
+// board threads (serve()) may call the faults, stop_listening, unacked and
+// fail at the same time; m_boards changes only before qorc starts and once
+// it has ended.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -36,7 +36,7 @@ class Lab {
     using Clock = std::chrono::steady_clock;
     static constexpr const char* kBoard = "192.168.15.1";
 
-    // Namespaces qlf<pid>h<index> and qlf<pid>b<index>, made by build().
+    // Namespaces qlf<pid>_<index>h and ...b, made by build().
     explicit Lab(int index);
     ~Lab();  // kills what runs, joins the board threads, removes the namespaces
     Lab(const Lab&) = delete;
@@ -45,8 +45,6 @@ class Lab {
     // Makes the namespaces and the links, and checks that a vanished board
     // really is silent. Throws std::runtime_error when it cannot.
     void build();
-    // Namespaces of earlier runs that were killed.
-    static void remove_stale();
 
     // Faults. The first one marks the time the fault began.
     void vanish();        // nothing reaches the board, nothing leaves it
@@ -56,15 +54,14 @@ class Lab {
     void mark_fault();
 
     // The board's side.
-    int listen();  // a socket listening on the board's address
-    // A connection to `listener`, or -1 once the case is over.
-    int accept(int listener);
+    int listen();                                // a socket listening on the board's address
     void keep(int fd) { m_kept.push_back(fd); }  // closed when the Lab goes
-    // Runs `body` on a board thread; std::runtime_error ends it quietly.
-    void board(std::function<void()> body);
     // Listens, then hands every connection in turn to `script` on a board
-    // thread, until the case is over.
+    // thread, until the case is over; std::runtime_error ends a connection's
+    // script quietly.
     void serve(HostileBoard::Script script);
+    // Connections to the board's address are refused from now on.
+    void stop_listening() { m_boards.back()->stop_listening(); }
     void start_sim(std::vector<std::string> args);  // qord-sim on the board
     std::string sim_out() const;
 
@@ -79,12 +76,9 @@ class Lab {
     // host's socket table; -1 without a connection.
     long unacked();
 
-    // Polls `done` for up to timeoutMs.
-    static bool eventually(const std::function<bool()>& done, int timeoutMs = 5000);
     // The case is not what it claims to be: noted, and thrown as
     // std::runtime_error to end the board's script.
     void fail(const std::string& why);
-    void note(const std::string& why);
 
     // Waits for qorc (at most 120 s), then ends the board threads.
     LabOutcome finish();
@@ -93,15 +87,13 @@ class Lab {
     void drop(const char* way);
     bool board_answers();
 
-    std::string m_host, m_board;
-    std::vector<std::string> m_made;
+    Namespaces m_net;
     TempDir m_dir;
     std::unique_ptr<support::ServerProcess> m_sim;
     std::unique_ptr<Process> m_qorc;
     Clock::time_point m_started;
-    std::vector<std::thread> m_threads;
+    std::vector<std::unique_ptr<HostileBoard>> m_boards;
     std::vector<int> m_kept;
-    std::atomic<bool> m_stop{false};
     std::mutex m_mutex;         // board threads and the case's own
     Clock::time_point m_fault;  // guarded by m_mutex
     std::string m_trouble;      // guarded by m_mutex

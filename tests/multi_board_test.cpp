@@ -2,8 +2,8 @@
 // 192.168.15.1:7000 from a network namespace of its own, behind a veth link
 // to a host namespace. Every address here exists only inside namespaces
 // this test makes, and all of them go when it ends, also on failure.
-#include <signal.h>
 #include <unistd.h>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -16,15 +16,10 @@
 namespace e2e {
 namespace {
 
-const char* const kIp = "/bin/ip";
 const std::string kBoard = "192.168.15.1";
 
 // Shell steps on the namespaces $1h (the host) and $1b1..$1b3 (the boards):
 // each board answers on 192.168.15.1 behind the host's link brd1..brd3.
-const char* const kRemoveStale = R"(for f in /run/netns/qmb*; do
-  n=${f##*/}; p=${n#qmb}; p=${p%%[hb]*}
-  [ -e "$f" ] && ! kill -0 "$p" 2>/dev/null && ip netns del "$n"
-done; true)";
 const char* const kBuild = R"(set -e
 ip netns add $1h; ip -n $1h link set lo up
 for i in 1 2 3; do
@@ -33,8 +28,6 @@ for i in 1 2 3; do
   ip -n $1b$i addr add 192.168.15.1/24 dev eth0; ip -n $1b$i link set eth0 up
   ip -n $1h link set brd$i up
 done)";
-const char* const kRemove =
-    "for n in $1h $1b1 $1b2 $1b3; do ip netns del $n 2>/dev/null; done; true";
 // Distinct host addresses, with a routing table per source address.
 const char* const kDistinctAddresses = R"(set -e; for i in 1 2 3; do
   ip -n $1h addr add 192.168.15.10$i/24 dev brd$i
@@ -47,22 +40,12 @@ const char* const kOneAddress = R"(set -e; for i in 1 2 3; do
   ip -n $1h addr flush dev brd$i; ip -n $1h addr add 192.168.15.100/24 dev brd$i
 done)";
 
-class Topology {
+class Topology : public Namespaces {
   public:
     static constexpr int kBoards = 3;
 
-    Topology() : m_prefix("qmb" + std::to_string(getpid())) { sh(kRemoveStale); }
-    ~Topology() {
-        m_sims.clear();  // kills what still runs
-        sh(kRemove);
-    }
-
-    // Runs one of the steps above; false (with the reason in `why`) when it fails.
-    bool sh(const char* steps, std::string* why = nullptr) {
-        const Result r = run_command("/bin/sh", {"-c", steps, "sh", m_prefix}, 20000);
-        if (why) *why = r.err;
-        return r.status == 0;
-    }
+    Topology() : Namespaces("qmb", {"h", "b1", "b2", "b3"}) {}
+    ~Topology() { m_sims.clear(); }  // kills what still runs, before the namespaces go
 
     static std::string link(int i) { return "brd" + std::to_string(i); }
     static std::string host_address(int i) { return "192.168.15.10" + std::to_string(i); }
@@ -76,21 +59,19 @@ class Topology {
             "{\"version\": \"board-" + n + " 1.0\", \"devices\": [{\"id\": 0, " +
                 "\"mac\": \"02:00:00:00:00:0" + n + "\", \"psi\": {\"board\": " + n + "}}]}");
         m_sims.push_back(std::make_unique<support::ServerProcess>(
-            kIp, std::vector<std::string>{"netns", "exec", m_prefix + "b" + n, qord_sim_binary(),
-                                          "--listen", kBoard + ":7000", "--state", state,
-                                          "--reboot-delay-ms", "200", "--reboot-grace-ms", "50"}));
+            "/bin/ip",
+            exec("b" + n, {qord_sim_binary(), "--listen", kBoard + ":7000", "--state", state,
+                           "--reboot-delay-ms", "200", "--reboot-grace-ms", "50"})));
     }
     std::string board_out(int i) const { return m_sims[i - 1]->out(); }
 
     // qorc in the host namespace.
     Result qorc(const std::string& bind, std::vector<std::string> args) const {
-        args.insert(args.begin(), {"netns", "exec", m_prefix + "h", qorc_binary(), "--url", kBoard,
-                                   "--bind", bind});
-        return run_command(kIp, args, 60000);
+        args.insert(args.begin(), {qorc_binary(), "--url", kBoard, "--bind", bind});
+        return run_command("/bin/ip", exec("h", args), 60000);
     }
 
   private:
-    std::string m_prefix;  // our namespaces: qmb<pid>h, qmb<pid>b1...
     std::vector<std::unique_ptr<support::ServerProcess>> m_sims;
 };
 
@@ -102,8 +83,11 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     REQUIRE_PRIVATE_TMP();
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
     Topology net;
-    std::string why;
-    if (!net.sh(kBuild, &why)) GTEST_SKIP() << "cannot make network namespaces: " << why;
+    try {
+        net.sh(kBuild);
+    } catch (const std::runtime_error& e) {
+        GTEST_SKIP() << "cannot make network namespaces: " << e.what();
+    }
     TempDir dir;
     for (int i = 1; i <= Topology::kBoards; ++i) net.start_board(i, dir);
 
@@ -115,22 +99,21 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
         }
     };
     // Distinct host addresses with source routing: --bind ADDRESS.
-    ASSERT_TRUE(net.sh(kDistinctAddresses, &why)) << why;
+    net.sh(kDistinctAddresses);
     each_answers(Topology::host_address);
     const std::string image2 = dir.write("fw2.img", "QORFW alone-2\nimage of board 2");
     const size_t others = count_of(net.board_out(1) + net.board_out(3), "connection from");
     const std::string fromHost = "connection from " + Topology::host_address(2) + ":";
     const size_t before = count_of(net.board_out(2), fromHost);
     const Result alone = net.qorc(Topology::host_address(2), {"sysupgrade", image2});
-    EXPECT_EQ(alone.status, 0) << alone.out << alone.err;
-    EXPECT_NE(alone.out.find("alone-2"), std::string::npos) << alone.out;
+    EXPECT_RUN(alone, 0, "{any}Upgraded to alone-2\n{any}", "");
     EXPECT_EQ(count_of(net.board_out(2), "back on"), 1u);
     // The upgrade's connection, and the one after the reboot, came to board 2.
     EXPECT_EQ(count_of(net.board_out(2), fromHost), before + 2) << net.board_out(2);
     EXPECT_EQ(count_of(net.board_out(1) + net.board_out(3), "connection from"), others);
 
     // The same host address on every link: --bind INTERFACE.
-    ASSERT_TRUE(net.sh(kOneAddress, &why)) << why;
+    net.sh(kOneAddress);
     each_answers(Topology::link);
     std::vector<std::future<Result>> upgrades;
     for (int i = 1; i <= Topology::kBoards; ++i) {
@@ -142,22 +125,16 @@ TEST(MultiBoard, EachBoardIsReachedByAddressOrByInterfaceAndUpgradesComeBackToIt
     }
     for (int i = 1; i <= Topology::kBoards; ++i) {
         const Result r = upgrades[i - 1].get();
-        EXPECT_EQ(r.status, 0) << "board " << i << ": " << r.out << r.err;
-        EXPECT_NE(r.out.find("Upgraded to together-" + std::to_string(i)), std::string::npos)
-            << r.out;
+        EXPECT_RUN(r, 0, "{any}Upgraded to together-" + std::to_string(i) + "\n{any}", "");
     }
 
     // Names that are neither an address nor an interface still resolve (and
     // fail: nothing answers in these namespaces); addresses the host lacks
     // still fail to bind.
-    const Result unknown = net.qorc("no-such-board-name", {"fw_config_mode"});
-    EXPECT_EQ(unknown.status, 1);
-    EXPECT_NE(unknown.err.find("Failed to resolve hostname no-such-board-name"), std::string::npos)
-        << unknown.err;
-    const Result lacking = net.qorc("192.168.15.99", {"fw_config_mode"});
-    EXPECT_EQ(lacking.status, 1);
-    EXPECT_NE(lacking.err.find("Failed to bind to 192.168.15.99"), std::string::npos)
-        << lacking.err;
+    EXPECT_RUN(net.qorc("no-such-board-name", {"fw_config_mode"}), 1, hello(kBoard + ":7000"),
+               "Error: Failed to resolve hostname no-such-board-name\n");
+    EXPECT_RUN(net.qorc("192.168.15.99", {"fw_config_mode"}), 1, hello(kBoard + ":7000"),
+               "Error: Failed to bind to 192.168.15.99\n");
 }
 
 }  // namespace

@@ -61,9 +61,7 @@ TEST(Simulator, SurvivesMisbehavingClients) {
         RawConnection idle(RawConnection::connect_to(sim.port()));
         idle.write(hex("01"));
     }
-    const Result r = sim.run({"psi_get"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
+    EXPECT_RUN(sim.run({"psi_get"}), 0, "{any}", "");
     EXPECT_NE(read_file(state).find("\"talvex_active\":true"), std::string::npos);
     EXPECT_EQ(sim.stop(), 0);
 }
@@ -104,8 +102,7 @@ TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
               "Cannot accept connections: Too many open files; retrying every 100 ms\n");
 
     clients.clear();
-    const Result r = sim->run({"fw_config_mode"});
-    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_RUN(sim->run({"fw_config_mode"}), 0, "{any}", "");
     EXPECT_EQ(sim->stop(), 0);
 }
 

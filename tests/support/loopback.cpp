@@ -13,14 +13,16 @@
 
 namespace support {
 
-RawListener::RawListener() {
-    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+RawListener::RawListener(int fd) : m_fd(fd) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_fd, 16) != 0) {
-        throw std::runtime_error("cannot listen on 127.0.0.1");
+    if (m_fd < 0) {
+        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            listen(m_fd, 16) != 0) {
+            throw std::runtime_error("cannot listen on 127.0.0.1");
+        }
     }
     socklen_t len = sizeof addr;
     getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -37,7 +39,11 @@ void RawListener::shutdown() {
 
 int RawListener::accept_one(std::string* peerAddress, int timeout_ms) {
     pollfd pfd{m_fd, POLLIN, 0};
-    if (poll(&pfd, 1, timeout_ms) != 1 || !(pfd.revents & POLLIN)) return -1;
+    if (poll(&pfd, 1, timeout_ms) != 1) return -1;
+    if (!(pfd.revents & POLLIN)) {  // shut down: waits out the limit, so that no loop spins
+        poll(nullptr, 0, timeout_ms);
+        return -1;
+    }
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(m_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);

@@ -10,7 +10,9 @@ namespace support {
 // A listening socket on 127.0.0.1 with a free port.
 class RawListener {
   public:
-    RawListener();
+    // With an fd, takes over that socket, which already listens wherever it
+    // was made.
+    explicit RawListener(int fd = -1);
     ~RawListener();
     unsigned short port() const { return m_port; }
     std::string port_text() const { return std::to_string(m_port); }
