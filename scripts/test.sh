@@ -22,7 +22,7 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
 echo "=== licence headers"
 missing=$(git ls-files '*.cpp' '*.h' '*.proto' '*.sh' '*.py' '*.cmake' '*CMakeLists.txt' |
-  xargs grep -L 'SPDX-License-Identifier: Apache-2.0' || true)
+  while read -r f; do head -n 3 "$f" | grep -q 'SPDX-License-Identifier: Apache-2.0' || echo "$f"; done)
 if [ -n "$missing" ]; then
   echo "Without an SPDX-License-Identifier line:"; echo "$missing"; exit 1
 fi
