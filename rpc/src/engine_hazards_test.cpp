@@ -13,34 +13,30 @@
 #include <functional>
 #include <thread>
 
-#include "loopback.h"
 #include "orvi/protocol.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "testing/captured_output.h"
+#include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
 #include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
-using support::hex;
 using support::RawConnection;
 using support::RawListener;
+using testing::frame_of;
+using testing::reply;
 
-// A peer on raw sockets: the handshake, then whole frames read blindly.
+// A board on raw sockets, connected to a client transport.
 struct Peer {
     RawListener listener;
     std::unique_ptr<RawConnection> conn;
 
-    std::shared_ptr<TransportSimpleSocketClient> connect(
-        std::shared_ptr<TransportSimpleSocketClient> t = nullptr) {
-        if (!t)
-            t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
-        std::thread accept([&] {
-            conn = std::make_unique<RawConnection>(listener.accept_one());
-            conn->read(2);
-            conn->write(hex("01"));
-        });
+    std::shared_ptr<TransportSimpleSocketClient> connect(bool idleReader = true) {
+        auto t = std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+        t->set_idle_reader(idleReader);
+        std::thread accept([&] { conn = testing::accept_client(listener); });
         t->connect(0);
         accept.join();
         return t;
@@ -66,48 +62,36 @@ struct Session {
     Peer peer;  // outlives the engine
     Protocol protocol{1};
     std::unique_ptr<RawConnection>& board = peer.conn;
-    explicit Session(bool idleReader = true) {
-        auto t =
-            std::make_shared<TransportSimpleSocketClient>("127.0.0.1", peer.listener.port_text());
-        t->set_idle_reader(idleReader);
-        protocol.add_transport(peer.connect(t));
-    }
-    // Reads the opening frame of command `name` with an empty body.
-    void read_opening(const std::string& name) {
-        const std::string header = hex("08 00 10 01 1a") + char(name.size()) + name;
-        const std::string frame =
-            hex("03 000000") + char(header.size()) + header + hex("00000002 0800 00000000");
-        ASSERT_EQ(board->read(frame.size()), frame);
-    }
-    // Calls "ask" and waits for its end. Returns the failure text, empty
-    // when the call succeeded.
-    std::string ask(std::shared_ptr<Call>& call, bool slow = false) {
+    explicit Session(bool idleReader = true) { protocol.add_transport(peer.connect(idleReader)); }
+    // Calls "ask" and waits for its end; the failure text, empty when the
+    // call succeeded. With `then`, the board, on a thread of its own, checks
+    // the opening frame byte for byte and then does `then`.
+    std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then = nullptr,
+                    bool slow = false) {
+        std::thread board_side([&] {
+            if (!then) return;
+            EXPECT_EQ(support::to_hex(board->read(frame_of(testing::opening("ask", 1, "")).size())),
+                      support::to_hex(frame_of(testing::opening("ask", 1, ""))));
+            then();
+        });
         call = protocol.create_command_proxy<Call>("ask");
         call->slow = slow;
+        std::string error;
         try {
             call->send_message(nullptr, 0);
             call->wait();
         } catch (const ProxyCommandException& e) {
-            return e.what();
+            error = e.what();
         }
-        return "";
-    }
-    // The same while the board, on a thread of its own, reads the opening
-    // and then does `then`.
-    std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then,
-                    bool slow = false) {
-        std::thread board_side([&] {
-            read_opening("ask");
-            then();
-        });
-        const std::string error = ask(call, slow);
         board_side.join();
         return error;
     }
 };
 
 // Header{COMMAND, source 5, dest 1}, CommandHeader{DONE}, "hi".
-const std::string kAnswer = hex("03 00000006 0800 1005 2001 00000002 0801 00000002 6869");
+const std::string kAnswer = frame_of(reply(5, 1, wire::kDone, {"hi"}));
+// A refusal for a proxy that nobody here has.
+const std::string kRefusalForNobody = frame_of(testing::refusal(99));
 
 TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
     Session s;
@@ -122,14 +106,17 @@ TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
               "");
     EXPECT_EQ(call->reply, "hi");
     EXPECT_EQ(call->routed_on, std::this_thread::get_id());
+    // Once done, a late DATA for proxy 1 finds nobody: refused to its sender.
+    s.board->write(frame_of(reply(5, 1, wire::kData, {"x"})));
+    EXPECT_EQ(testing::read_parts(*s.board), wire::parts(testing::refusal(5)));
 }
 
 TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
     Session s;
     // Idle long enough for the reader thread to watch the socket; it reads
-    // the start of a frame (a refusal for nobody) and waits for the rest.
+    // the start of a frame and waits for the rest.
     usleep(100000);
-    const std::string refusal = hex("01 00000004 0801 2063");
+    const std::string refusal = kRefusalForNobody;
     s.board->write(refusal.substr(0, 3));
     usleep(50000);
     std::shared_ptr<Call> call;
@@ -137,14 +124,25 @@ TEST(CallerReads, AFrameTheReaderBeganIsFinishedByTheCaller) {
     EXPECT_EQ(call->reply, "hi");
 }
 
-TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
-    Session s;
-    testing::CapturedOutput log;
-    std::shared_ptr<Call> call;
-    EXPECT_EQ(s.ask(call, [&] { s.board->close(); }), "Connection lost");
-    usleep(100000);  // the reader thread's turn comes and goes
-    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+// Found by the caller, or without an idle reader by the next caller, a loss
+// is reported once.
+TEST(CallerReads, ALossIsReportedOnceWithOrWithoutAnIdleReader) {
+    for (bool idleReader : {true, false}) {
+        Session s(idleReader);
+        testing::CapturedOutput log;
+        std::shared_ptr<Call> call;
+        if (idleReader) {
+            EXPECT_EQ(s.ask(call, [&] { s.board->close(); }), "Connection lost");
+            usleep(100000);  // the reader thread's turn comes and goes
+        } else {
+            s.board->close();
+            usleep(100000);
+            EXPECT_EQ(s.protocol.stats().clients_active, 1u);  // nobody has looked yet
+            EXPECT_EQ(s.ask(call), "Connection lost");
+        }
+        EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+        EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+    }
 }
 
 // Without an idle reader, what comes between calls waits for the next caller,
@@ -153,8 +151,8 @@ TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
     const size_t before = testing::thread_count_baseline();
     Session s(false);
     EXPECT_EQ(testing::thread_count_reaching(before),
-              before);                             // no reader, and workers start when needed
-    s.board->write(hex("01 00000004 0801 2063"));  // a refusal for nobody
+              before);  // no reader, and workers start when needed
+    s.board->write(kRefusalForNobody);
     usleep(100000);
     EXPECT_EQ(s.protocol.stats().messages_processed, 0u);
     std::shared_ptr<Call> call;
@@ -163,56 +161,35 @@ TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
     EXPECT_EQ(s.protocol.stats().messages_processed, 2u);  // the refusal, then the answer
 }
 
-TEST(CallerReads, WithoutAnIdleReaderALossBetweenCallsIsFoundByTheNextOne) {
-    Session s(false);
-    s.board->close();
-    usleep(100000);
-    EXPECT_EQ(s.protocol.stats().clients_active, 1u);  // nobody has looked yet
-    testing::CapturedOutput log;
-    std::shared_ptr<Call> call;
-    EXPECT_EQ(s.ask(call), "Connection lost");
-    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
-}
-
-// Header to proxy 1 from proxy 2, then a command header, then the body.
-const std::string kData = hex("03 00000006 080010022001 00000002 0800 00000002 6869");
-const std::string kDone = hex("02 00000006 080010022001 00000002 0801");
-const std::string kDoneWithBody = hex("03 00000006 080010022001 00000002 0801 00000002 6869");
-// An exception without text ends the command normally.
-const std::string kEmptyExceptionWithBody =
-    hex("03 00000006 080010022001 00000002 0802 00000002 6869");
-
-// One command against a peer that reads the request and answers `reply`,
-// then hangs up if told to; returns what the caller got.
-std::string call_answered_by(const std::string& reply, bool hang_up) {
-    Session s;
-    std::shared_ptr<Call> call;
-    const std::string error = s.ask(
-        call,
-        [&] {
-            s.board->write(reply);
-            if (hang_up) s.board->close();
-        },
-        true);
-    return error.empty() ? call->reply : error;
-}
-
 // A complete answer is never lost: not to a hang-up right behind it, nor to
-// a waiter released before the body that rides on the end is processed.
+// a waiter released before the body that rides on the end is processed. An
+// exception without text ends the command normally.
 TEST(EngineHazards, ACompleteAnswerIsInPlaceWhenWaitReturns) {
+    const std::string data = frame_of(reply(2, 1, wire::kData, {"hi"}));
+    const std::string done = frame_of(reply(2, 1, wire::kDone));
+    const std::string doneWithBody = frame_of(reply(2, 1, wire::kDone, {"hi"}));
+    const std::string exceptionWithBody = frame_of(reply(2, 1, wire::kException, {"hi"}));
     const struct {
-        std::string reply;
+        std::string answer;
         bool hang_up;
         int runs;
-    } cases[] = {{kData + kDone, true, 30},
-                 {kDoneWithBody, false, 1},
-                 {kEmptyExceptionWithBody, false, 1},
-                 {kDoneWithBody, true, 1}};
+    } cases[] = {{data + done, true, 30},
+                 {doneWithBody, false, 1},
+                 {exceptionWithBody, false, 1},
+                 {doneWithBody, true, 1}};
     for (const auto& c : cases) {
         for (int run = 0; run < c.runs; ++run) {
-            EXPECT_EQ(call_answered_by(c.reply, c.hang_up), "hi")
-                << support::to_hex(c.reply) << " hang up " << c.hang_up << " run " << run;
+            Session s;
+            std::shared_ptr<Call> call;
+            const std::string error = s.ask(
+                call,
+                [&] {
+                    s.board->write(c.answer);
+                    if (c.hang_up) s.board->close();
+                },
+                true);
+            EXPECT_EQ(error.empty() ? call->reply : error, "hi")
+                << support::to_hex(c.answer) << " hang up " << c.hang_up << " run " << run;
         }
     }
 }
@@ -248,8 +225,7 @@ TEST(EngineHazards, LifeHandlerPointerIsClearedUnderTheEngineLock) {
 TEST(TransportHazards, SendsRaceADisconnectSafely) {
     Peer peer;
     auto transport = peer.connect();
-    auto handler = std::make_shared<testing::RecordingHandler>();
-    transport->start_serve(handler);
+    transport->start_serve(std::make_shared<testing::RecordingHandler>());
     std::atomic<int> sent{0}, refused{0};
     std::thread sender([&] {
         const char byte = 'x';
@@ -278,12 +254,12 @@ TEST(TransportHazards, StopInTheMiddleOfAFrameResumesAtTheSameByte) {
     auto transport = peer.connect();
     auto handler = std::make_shared<testing::RecordingHandler>();
     transport->start_serve(handler);
-    const std::string frame = hex("02 00000003 616263 00000002 6465");
+    const std::string frame = wire::frame({"abc", "de"});
     peer.conn->write(frame.substr(0, 6));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     transport->stop_serve();
     transport->start_serve(handler);
-    peer.conn->write(frame.substr(6) + hex("01 00000001 66"));
+    peer.conn->write(frame.substr(6) + wire::frame({"f"}));
     ASSERT_TRUE(handler->wait_messages(2));
     const auto messages = handler->messages();
     EXPECT_EQ(messages[0].buffers, (std::vector<std::string>{"abc", "de"}));

@@ -8,20 +8,20 @@
 #include <atomic>
 #include <chrono>
 
-#include "envelope/header.pb.h"
 #include "envelope/proxy/command_header.pb.h"
-#include "loopback.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "orvi/transport_simple_socket_server.h"
 #include "testing/captured_output.h"
 #include "testing/pipe_transport.h"
+#include "testing/raw_peer.h"
 
 namespace orvi {
 namespace {
 
-using support::hex;
 using support::RawConnection;
 using support::to_hex;
+using testing::frame_of;
+using testing::reply;
 
 // --- handler proxies for the serving engine -------------------------------
 
@@ -112,7 +112,7 @@ void add_test_commands(Protocol& protocol) {
 struct ServerEngine {
     std::unique_ptr<Protocol> protocol;
     std::shared_ptr<TransportSimpleSocketServer> transport;
-    explicit ServerEngine(size_t workers = 1) : protocol(new Protocol(workers)) {
+    ServerEngine() : protocol(new Protocol(1)) {
         add_test_commands(*protocol);
         transport = std::make_shared<TransportSimpleSocketServer>("127.0.0.1", "0");
         transport->listen();
@@ -163,33 +163,38 @@ std::string failure(const std::function<void()>& f) {
     return "(no exception)";
 }
 
-TEST(Engines, DataThenDoneReachesTheCaller) {
+// Each outcome of a call, one after the other on one session: a failure
+// ends its command only.
+TEST(Engines, EachOutcomeReachesTheCaller) {
     Pair p;
-    EXPECT_EQ(p.client.call("echo", "hello"), "hello");
-    EXPECT_EQ(p.client.call("echo", ""), "");
     const std::string big(100000, 'b');
-    EXPECT_EQ(p.client.call("echo", big), big);
-    EXPECT_EQ(p.client.protocol.stats().proxies_active, 0u);
-}
-
-TEST(Engines, RemoteFailures) {
-    Pair p;
-    EXPECT_EQ(failure<ProxyCommandException>([&] { p.client.call("fails", "disk full"); }),
-              "disk full");
-    EXPECT_EQ(failure<ProxyCommandException>([&] { p.client.call("fails", "int"); }),
-              "Unknown exception occured");
-    // An exception without text is a normal return.
-    EXPECT_EQ(p.client.call("fails", "empty"), "");
-}
-
-TEST(Engines, UnknownCommandIsNoHandlerOnBothSides) {
-    Pair p;
+    const struct {
+        const char* command;
+        std::string body, outcome;
+    } cases[] = {
+        {"echo", "hello", "hello"},
+        {"echo", "", ""},
+        {"echo", big, big},
+        {"fails", "disk full", "failed: disk full"},
+        {"fails", "int", "failed: Unknown exception occured"},
+        {"fails", "empty", ""},  // an exception without text is a normal return
+        {"nope", "x", "no handler: No handler found"},
+        {"echo", "still", "still"},
+    };
     testing::CapturedOutput log;
-    EXPECT_EQ(failure<ProxyCommandNoHandler>([&] { p.client.call("nope", "x"); }),
-              "No handler found");
+    for (const auto& c : cases) {
+        std::string outcome;
+        try {
+            outcome = p.client.call(c.command, c.body);
+        } catch (const ProxyCommandNoHandler& e) {
+            outcome = std::string("no handler: ") + e.what();
+        } catch (const ProxyCommandException& e) {
+            outcome = std::string("failed: ") + e.what();
+        }
+        EXPECT_EQ(outcome, c.outcome) << c.command << " " << c.body.substr(0, 10);
+    }
     EXPECT_EQ(log.text(), "1: there is no command handler for \"nope\"\n");
-    // The session goes on.
-    EXPECT_EQ(p.client.call("echo", "still"), "still");
+    EXPECT_EQ(p.client.protocol.stats().proxies_active, 0u);
 }
 
 TEST(Engines, DroppedConnectionLosesTheCommand) {
@@ -239,97 +244,50 @@ TEST(Engines, NoPeerAndTwoPeers) {
     EXPECT_EQ(second.protocol.stats().proxies_created, 0u);
 }
 
-// --- exact bytes, with a raw socket on one side ---------------------------
-
-// A frame read by hand: count, then length and data of each buffer.
-std::vector<std::string> read_raw_frame(RawConnection& c) {
-    const unsigned char n = static_cast<unsigned char>(c.read(1)[0]);
-    std::vector<std::string> buffers;
-    for (unsigned i = 0; i < n; ++i) {
-        const std::string len = c.read(4);
-        const size_t size = (size_t(uint8_t(len[0])) << 24) | (size_t(uint8_t(len[1])) << 16) |
-                            (size_t(uint8_t(len[2])) << 8) | size_t(uint8_t(len[3]));
-        buffers.push_back(c.read(size));
-    }
-    return buffers;
-}
-
-// An opening command as a peer would write it: Header{COMMAND, source, name},
-// CommandHeader{DATA}, body.
-std::string raw_opening(const std::string& name, char source, const std::string& body) {
-    const std::string header = hex("08 00 10") + source + hex("1a") + char(name.size()) + name;
-    return hex("03 000000") + char(header.size()) + header + hex("00000002 0800 000000") +
-           char(body.size()) + body;
-}
+// --- exact bytes, with a raw client on one side --------------------------
 
 std::unique_ptr<RawConnection> raw_client(ServerEngine& server) {
-    auto c =
-        std::make_unique<RawConnection>(RawConnection::connect_to(server.transport->local_port()));
-    c->write(hex("01 01"));
-    c->read(1);
-    return c;
+    return testing::greeted_client(server.transport->local_port());
 }
 
-TEST(EngineBytes, ClientCommandFrameIsExact) {
-    support::RawListener listener;
-    ClientEngine client;
-    std::unique_ptr<RawConnection> peer;
-    std::thread accept([&] {
-        peer = std::make_unique<RawConnection>(listener.accept_one());
-        peer->read(2);
-        peer->write(hex("01"));
-    });
-    client.connect(listener.port_text());
-    accept.join();
-
-    std::string reply;
-    std::thread call([&] { reply = client.call("com.korvane.command.echo", "coucou"); });
-    const std::string name = "com.korvane.command.echo";  // 24 bytes
-    const std::string expected =
-        hex("03  0000001e 0800 1001 1a18") + name + hex("00000002 0800  00000006") + "coucou";
-    EXPECT_EQ(to_hex(peer->read(expected.size())), to_hex(expected));
-
-    // Answer as a board does: DATA with the body, then DONE, both addressed
-    // to proxy 1 from our proxy 9.
-    peer->write(hex("03 00000006 0800 1009 2001 00000002 0800 00000002") + "ok" +
-                hex("02 00000006 0800 1009 2001 00000002 0801"));
-    call.join();
-    EXPECT_EQ(reply, "ok");
-
-    // Once done, a late DATA for proxy 1 finds nobody: NO_HANDLER back to 9.
-    peer->write(hex("03 00000006 0800 1009 2001 00000002 0800 00000001") + "x");
-    EXPECT_EQ(read_raw_frame(*peer), std::vector<std::string>{hex("0801 2009")});
-}
-
-TEST(EngineBytes, UnknownProxyDestAndReservedTypeGetNoHandler) {
+// What cannot be delivered is refused to its sender, whatever the name says.
+TEST(EngineBytes, UndeliverableMessagesGetNoHandler) {
     ServerEngine server;
     auto c = raw_client(server);
-    // proxy_dest 99 wins over a name that would match.
-    c->write(hex("03 0000000c 0800 1005 1a04") + "echo" + hex("2063 00000002 0800 00000001 78"));
-    EXPECT_EQ(read_raw_frame(*c), std::vector<std::string>{hex("0801 2005")});
-    c->write(hex("01 00000004 0802 1007"));
-    EXPECT_EQ(read_raw_frame(*c), std::vector<std::string>{hex("0801 2007")});
-    // Garbage header: routed as a COMMAND without name, answered the same way.
+    wire::Message toUnknownProxy = testing::opening("echo", 5, "x");
+    toUnknownProxy.header.dest = 99;  // wins over a name that would match
+    wire::Message reserved;
+    reserved.header.type = wire::kReserved;
+    reserved.header.source = 7;
+    const struct {
+        std::string frame;
+        uint32_t source;
+    } cases[] = {{frame_of(toUnknownProxy), 5},
+                 {frame_of(reserved), 7},
+                 // A garbage header is routed as a COMMAND without a name.
+                 {wire::frame({"\xff\xff\xff"}), 0}};
     testing::CapturedOutput log;
-    c->write(hex("01 00000003 ffffff"));
-    EXPECT_EQ(read_raw_frame(*c), std::vector<std::string>{hex("0801 2000")});
+    for (const auto& k : cases) {
+        c->write(k.frame);
+        EXPECT_EQ(testing::read_parts(*c), wire::parts(testing::refusal(k.source)))
+            << to_hex(k.frame);
+    }
     EXPECT_EQ(log.text(), "1: there is no command handler for \"\"\n");
 }
 
 TEST(EngineBytes, RepeatedOpeningReachesTheSameHandler) {
     ServerEngine server;
     auto c = raw_client(server);
-    c->write(raw_opening("count", 5, "a"));
-    const auto first = read_raw_frame(*c);
-    c->write(raw_opening("count", 5, "b"));
-    const auto second = read_raw_frame(*c);
-    ASSERT_EQ(first.size(), 3u);
-    ASSERT_EQ(second.size(), 3u);
-    EXPECT_EQ(first[2], "1");
-    EXPECT_EQ(second[2], "2");
+    c->write(frame_of(testing::opening("count", 5, "a")));
+    const auto first = testing::read_message(*c);
+    c->write(frame_of(testing::opening("count", 5, "b")));
+    const auto second = testing::read_message(*c);
+    EXPECT_EQ(first.bodies, std::vector<std::string>{"1"});
+    EXPECT_EQ(second.bodies, std::vector<std::string>{"2"});
     // Same serving proxy (source 1), addressed back to our proxy 5.
-    EXPECT_EQ(to_hex(first[0]), to_hex(hex("0800 1001 2005")));
-    EXPECT_EQ(first[0], second[0]);
+    for (const auto& answer : {first, second}) {
+        EXPECT_EQ(frame_of(answer), frame_of(reply(1, 5, wire::kData, answer.bodies)));
+    }
     EXPECT_EQ(server.protocol->stats().proxies_created, 1u);
 }
 
@@ -337,26 +295,29 @@ TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
     ServerEngine server;
     server.protocol->set_max_handlers_per_client(3);
     auto c = raw_client(server);
-    auto answer_of = [&](const std::string& name, char source) {
-        c->write(raw_opening(name, source, "x"));
-        const auto frame = read_raw_frame(*c);
-        return frame.size() == 3 ? frame[2] : to_hex(frame.at(0));
+    auto answer_of = [&](const std::string& name, uint32_t source) {
+        c->write(frame_of(testing::opening(name, source, "x")));
+        const auto parts = testing::read_parts(*c);
+        return parts.size() == 3 ? parts[2] : to_hex(parts.at(0));
+    };
+    auto refused = [](uint32_t source) {
+        return to_hex(wire::encode(testing::refusal(source).header));
     };
     EXPECT_EQ(answer_of("count", 1), "1");
     EXPECT_EQ(answer_of("count", 2), "1");
     EXPECT_EQ(answer_of("echo", 3), "x");  // finishes, so its place is free again
-    read_raw_frame(*c);                    // its DONE
+    testing::read_parts(*c);               // its DONE
     EXPECT_EQ(answer_of("count", 4), "1");
 
     testing::CapturedOutput log;
-    EXPECT_EQ(answer_of("count", 5), to_hex(hex("0801 2005")));
-    EXPECT_EQ(answer_of("echo", 6), to_hex(hex("0801 2006")));
+    EXPECT_EQ(answer_of("count", 5), refused(5));
+    EXPECT_EQ(answer_of("echo", 6), refused(6));
     EXPECT_EQ(log.text(), "1: refusing \"count\": 3 commands are open, the most allowed\n");
     // The open ones still work, and the cap is per peer.
     EXPECT_EQ(answer_of("count", 2), "2");
     auto other = raw_client(server);
-    other->write(raw_opening("count", 1, "x"));
-    EXPECT_EQ(read_raw_frame(*other).at(2), "1");
+    other->write(frame_of(testing::opening("count", 1, "x")));
+    EXPECT_EQ(testing::read_parts(*other).at(2), "1");
     EXPECT_EQ(server.protocol->stats().proxies_active, 4u);
 }
 
