@@ -8,14 +8,13 @@
 #include <gtest/gtest.h>
 #include <chrono>
 
-#include "loopback.h"
 #include "testing/captured_output.h"
+#include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
 
 namespace orvi {
 namespace {
 
-using support::hex;
 using support::RawConnection;
 using support::RawListener;
 using support::to_hex;
@@ -26,17 +25,7 @@ std::string connect_error(TransportSimpleSocketClient& t, int timeout = 0) {
     } catch (const SimpleSocketException& e) {
         return e.what();
     }
-    return "(connected)";
-}
-
-// Runs the peer's side of the handshake and returns the connection.
-std::unique_ptr<RawConnection> accept_and_greet(RawListener& listener, char answer = 1,
-                                                std::string* hello = nullptr) {
-    auto conn = std::make_unique<RawConnection>(listener.accept_one());
-    const std::string bytes = conn->read(2);
-    if (hello) *hello = bytes;
-    conn->write(std::string(1, answer));
-    return conn;
+    return "connected";
 }
 
 struct Connected {
@@ -49,73 +38,65 @@ struct Connected {
     Connected() {
         transport =
             std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
-        std::thread t([&] { peer = accept_and_greet(listener); });
+        std::thread t([&] { peer = testing::accept_client(listener); });
         transport->connect(0);
         t.join();
+        transport->start_serve(handler);
     }
 };
 
-TEST(ClientTransport, HandshakeSendsLeadAndVersionThenServes) {
+// Every way a connection attempt ends, against a board that answers the
+// greeting with `answer` when it is reached.
+TEST(ClientTransport, ConnectOutcomes) {
     RawListener listener;
-    TransportSimpleSocketClient t("127.0.0.1", listener.port_text());
-    std::string hello;
-    std::unique_ptr<RawConnection> peer;
-    std::thread th([&] { peer = accept_and_greet(listener, 1, &hello); });
-    EXPECT_EQ(connect_error(t), "(connected)");
-    th.join();
-    EXPECT_EQ(to_hex(hello), to_hex(hex("01 01")));
-}
-
-// A plain dotted quad skips the resolver; other numeric forms of the same
-// address go through it, to the same place.
-TEST(ClientTransport, ReachesTheSameAddressInEveryNumericForm) {
-    RawListener listener;
-    for (const char* host : {"127.0.0.1", "127.1", "0x7f.0.0.1"}) {
-        for (const std::string& port : {listener.port_text(), "0" + listener.port_text()}) {
-            TransportSimpleSocketClient t(host, port);
-            std::unique_ptr<RawConnection> peer;
-            std::thread th([&] { peer = accept_and_greet(listener); });
-            EXPECT_EQ(connect_error(t), "(connected)") << host << ":" << port;
-            th.join();
+    const std::string port = listener.port_text();
+    const std::string closed = support::closed_address().substr(10);
+    const std::string mismatch = "Failed to connect, socket protocol mismatch";
+    const struct {
+        const char* host;
+        std::string port;
+        const char* bind;
+        char answer;
+        bool reached;
+        std::string outcome;
+    } cases[] = {
+        // A plain dotted quad skips the resolver; other numeric forms of the
+        // same address go through it, to the same place.
+        {"127.0.0.1", port, "", 1, true, "connected"},
+        {"127.1", port, "", 1, true, "connected"},
+        {"0x7f.0.0.1", "0" + port, "", 1, true, "connected"},
+        {"127.0.0.1", "0" + port, "127.0.0.2", 1, true, "connected"},
+        {"127.0.0.1", port, "", 0, true, mismatch},
+        {"127.0.0.1", port, "", 2, true, mismatch},
+        {"127.0.0.1", closed, "", 1, false, "Failed to connect to 127.0.0.1:" + closed},
+        // Resolved from local tables only: no name server is asked.
+        {"127.0.0.1", "no-such-service", "", 1, false,
+         "Failed to resolve hostname 127.0.0.1:no-such-service"},
+        // Documentation range, never on this machine.
+        {"127.0.0.1", port, "192.0.2.1", 1, false, "Failed to bind to 192.0.2.1"},
+        {"127.0.0.1", port, "127.0.0.1:x", 1, false, "Failed to resolve hostname 127.0.0.1:x"},
+    };
+    for (const auto& c : cases) {
+        const std::string name = std::string(c.host) + ":" + c.port + " bind " + c.bind;
+        TransportSimpleSocketClient t(c.host, c.port);
+        t.m_bind = c.bind;
+        std::string hello, from;
+        std::thread board([&] {
+            if (!c.reached) return;
+            RawConnection conn(listener.accept_one(&from));
+            hello = conn.read(wire::kHello.size());
+            conn.write(std::string(1, c.answer));
+        });
+        EXPECT_EQ(connect_error(t), c.outcome) << name;
+        board.join();
+        if (!c.reached) continue;
+        EXPECT_EQ(to_hex(hello), to_hex(wire::kHello)) << name;
+        EXPECT_EQ(from, *c.bind ? c.bind : "127.0.0.1") << name;
+        // A failed attempt leaves the transport idle.
+        if (c.outcome != "connected") {
+            EXPECT_THROW(t.send_message(MessageConst()), SimpleSocketException) << name;
         }
     }
-}
-
-TEST(ClientTransport, HandshakeAnswerOtherThanOneIsAMismatch) {
-    for (char answer : {char(0), char(2)}) {
-        RawListener listener;
-        TransportSimpleSocketClient t("127.0.0.1", listener.port_text());
-        std::unique_ptr<RawConnection> peer;
-        std::thread th([&] { peer = accept_and_greet(listener, answer); });
-        EXPECT_EQ(connect_error(t), "Failed to connect, socket protocol mismatch");
-        th.join();
-        // The failed attempt leaves the transport idle and reusable.
-        EXPECT_THROW(t.send_message(MessageConst()), SimpleSocketException);
-    }
-}
-
-TEST(ClientTransport, ConnectFailures) {
-    unsigned short closedPort;
-    {
-        RawListener gone;
-        closedPort = gone.port();
-    }
-    TransportSimpleSocketClient refused("127.0.0.1", std::to_string(closedPort));
-    EXPECT_EQ(connect_error(refused),
-              "Failed to connect to 127.0.0.1:" + std::to_string(closedPort));
-
-    // Resolved from local tables only: no name server is asked.
-    TransportSimpleSocketClient badService("127.0.0.1", "no-such-service");
-    EXPECT_EQ(connect_error(badService), "Failed to resolve hostname 127.0.0.1:no-such-service");
-
-    RawListener listener;
-    TransportSimpleSocketClient badBind("127.0.0.1", listener.port_text());
-    badBind.m_bind = "192.0.2.1";  // documentation range, never on this machine
-    EXPECT_EQ(connect_error(badBind), "Failed to bind to 192.0.2.1");
-
-    TransportSimpleSocketClient badBindService("127.0.0.1", listener.port_text());
-    badBindService.m_bind = "127.0.0.1:x";
-    EXPECT_EQ(connect_error(badBindService), "Failed to resolve hostname 127.0.0.1:x");
 }
 
 TEST(ClientTransport, ConnectGivesUpAfterItsBudget) {
@@ -129,7 +110,6 @@ TEST(ClientTransport, ConnectGivesUpAfterItsBudget) {
     ASSERT_EQ(listen(fd, 0), 0);
     socklen_t len = sizeof addr;
     getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    const unsigned short port = ntohs(addr.sin_port);
     std::vector<int> fillers;
     for (int i = 0; i < 4; ++i) {
         const int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
@@ -137,47 +117,26 @@ TEST(ClientTransport, ConnectGivesUpAfterItsBudget) {
         fillers.push_back(c);
     }
     usleep(100000);
-    TransportSimpleSocketClient t("127.0.0.1", std::to_string(port));
+    TransportSimpleSocketClient t("127.0.0.1", std::to_string(ntohs(addr.sin_port)));
     EXPECT_EQ(connect_error(t, 1), "Timeout occured");
     for (int c : fillers) close(c);
     close(fd);
 }
 
-TEST(ClientTransport, BindsToTheGivenLocalAddress) {
-    RawListener listener;
-    TransportSimpleSocketClient t("127.0.0.1", listener.port_text());
-    t.m_bind = "127.0.0.2";
-    std::string seen;
-    std::thread th([&] {
-        RawConnection conn(listener.accept_one(&seen));
-        conn.read(2);
-        conn.write(hex("01"));
-    });
-    EXPECT_EQ(connect_error(t), "(connected)");
-    th.join();
-    EXPECT_EQ(seen, "127.0.0.2");
-}
-
-TEST(ClientTransport, SendWritesOneWholeFrame) {
+// Frames both ways, whole and in order, and the peer's leaving reported.
+TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     Connected c;
-    EXPECT_THROW(TransportSimpleSocketClient("127.0.0.1", "1").send_message(MessageConst()),
-                 SimpleSocketException);
+    EXPECT_EQ(c.handler->clients(), 1u);
     const std::string a = "first", b = "second";
     MessageConst m;
     m.push_back(BufferConst(a.data(), a.size()));
     m.push_back(BufferConst(b.data(), b.size()));
     c.transport->send_message(42, m);  // the client id is ignored
-    EXPECT_EQ(to_hex(c.peer->read(1 + 4 + 6 + 4 + 5)),
-              to_hex(hex("02 00000006") + "second" + hex("00000005") + "first"));
-}
-
-TEST(ClientTransport, DeliversFramesInOrderAndReportsThePeerClosing) {
-    Connected c;
-    c.transport->start_serve(c.handler);
-    EXPECT_EQ(c.handler->clients(), 1u);
+    const std::string sent = wire::frame({"second", "first"});
+    EXPECT_EQ(to_hex(c.peer->read(sent.size())), to_hex(sent));
 
     std::string burst;
-    for (char i = 0; i < 20; ++i) burst += hex("01 00000001") + std::string(1, char('a' + i));
+    for (char i = 0; i < 20; ++i) burst += wire::frame({std::string(1, char('a' + i))});
     c.peer->write(burst.substr(0, 13));
     usleep(20000);
     c.peer->write(burst.substr(13));
@@ -199,9 +158,8 @@ TEST(ClientTransport, DeliversFramesInOrderAndReportsThePeerClosing) {
 
 TEST(ClientTransport, UnreadableFrameEndsTheConnectionWithOneLine) {
     Connected c;
-    c.transport->start_serve(c.handler);
     testing::CapturedOutput log;
-    c.peer->write(hex("01 fffffff0 00"));
+    c.peer->write(support::hex("01 fffffff0 00"));
     c.peer->close();
     ASSERT_TRUE(c.handler->wait_deleted(1));
     const std::string err = log.text();
@@ -212,23 +170,12 @@ TEST(ClientTransport, UnreadableFrameEndsTheConnectionWithOneLine) {
 
 TEST(ClientTransport, DisconnectOfAnIdleServingTransportIsPrompt) {
     Connected c;
-    c.transport->start_serve(c.handler);
     const auto start = std::chrono::steady_clock::now();
     c.transport->disconnect();
-    const auto took = std::chrono::steady_clock::now() - start;
     // Bound well under one reader poll interval.
-    EXPECT_LT(took, std::chrono::milliseconds(900));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
     EXPECT_TRUE(c.peer->wait_closed());
-}
-
-TEST(ClientTransport, UrlConstructorTakesHostPortAndBind) {
-    Url url;
-    parse_url(url, "tcp://127.0.0.1:7001?bind=127.0.0.3");
-    TransportSimpleSocketClient t(url);
-    EXPECT_EQ(t.m_host, "127.0.0.1");
-    EXPECT_EQ(t.m_port, "7001");
-    EXPECT_EQ(t.m_bind, "127.0.0.3");
 }
 
 }  // namespace

@@ -7,15 +7,15 @@
 #include <functional>
 #include <thread>
 
-#include "loopback.h"
+#include "eventually.h"
 #include "testing/captured_output.h"
+#include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
 #include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
 
-using support::hex;
 using support::RawConnection;
 using support::to_hex;
 using testing::thread_count;
@@ -32,44 +32,32 @@ struct Server {
         transport->start_serve(handler);
     }
     std::unique_ptr<RawConnection> greeted_client() {
-        auto c =
-            std::make_unique<RawConnection>(RawConnection::connect_to(transport->local_port()));
-        c->write(hex("01 01"));
-        EXPECT_EQ(to_hex(c->read(1)), "01 ");
-        return c;
+        return testing::greeted_client(transport->local_port());
     }
 };
 
 TEST(ServerTransport, ServesManyClientsBothWays) {
     Server s;
-    EXPECT_NE(s.transport->local_port(), 0);
     EXPECT_TRUE(s.transport->is_server());
     auto a = s.greeted_client();
     auto b = s.greeted_client();
     ASSERT_TRUE(s.handler->wait_clients(2));
-
-    a->write(hex("02 00000001 41 00000002 4242"));
-    b->write(hex("01 00000000"));
+    a->write(wire::frame({"A", "BB"}));
+    ASSERT_TRUE(s.handler->wait_messages(1));
+    b->write(wire::frame({""}));
     ASSERT_TRUE(s.handler->wait_messages(2));
-    for (const auto& m : s.handler->messages()) {
-        if (m.buffers.size() == 2) {
-            EXPECT_EQ(m.buffers[0], "A");
-            EXPECT_EQ(m.buffers[1], "BB");
-        } else {
-            ASSERT_EQ(m.buffers.size(), 1u);
-            EXPECT_EQ(m.buffers[0], "");
-        }
-    }
+    const auto got = s.handler->messages();
+    EXPECT_EQ(got[0].buffers, (std::vector<std::string>{"A", "BB"}));
+    EXPECT_EQ(got[1].buffers, std::vector<std::string>{""});
+    EXPECT_NE(got[0].client, got[1].client);
 
     const std::string x = "x", yz = "yz";
     MessageConst m;
     m.push_back(BufferConst(x.data(), 1));
     m.push_back(BufferConst(yz.data(), 2));
-    const unsigned int idA = s.handler->messages()[0].buffers.size() == 2
-                                 ? s.handler->messages()[0].client
-                                 : s.handler->messages()[1].client;
-    s.transport->send_message(idA, m);
-    EXPECT_EQ(to_hex(a->read(12)), to_hex(hex("02 00000002 797a 00000001 78")));
+    s.transport->send_message(got[0].client, m);
+    const std::string sent = wire::frame({"yz", "x"});
+    EXPECT_EQ(to_hex(a->read(sent.size())), to_hex(sent));
     s.transport->send_message(999, m);  // a client that never was: ignored
 }
 
@@ -81,14 +69,14 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
     testing::CapturedOutput log;
     {
         RawConnection wrongVersion(RawConnection::connect_to(s.transport->local_port()));
-        wrongVersion.write(hex("01 02"));
-        EXPECT_EQ(to_hex(wrongVersion.read(1)), "01 ");
+        wrongVersion.write(wire::kHello.substr(0, 1) + "\x02");
+        EXPECT_EQ(wrongVersion.read(1), std::string(1, wire::kAccepted));
         EXPECT_TRUE(wrongVersion.wait_closed());
     }
     {
         auto vanishing = s.greeted_client();
         ASSERT_TRUE(s.handler->wait_clients(2));
-        vanishing->write(hex("03 00000010 41"));
+        vanishing->write(wire::frame({"A", "B", "C"}).substr(0, 7));  // and goes
     }
     ASSERT_TRUE(s.handler->wait_deleted(1));
     const std::string err = log.text();
@@ -97,7 +85,7 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
     EXPECT_NE(err.find("Dropping client 2: Failed to read data from server"), std::string::npos)
         << err;
 
-    good->write(hex("01 00000002 6f6b"));
+    good->write(wire::frame({"ok"}));
     ASSERT_TRUE(s.handler->wait_messages(1));
     EXPECT_EQ(s.handler->messages()[0].buffers[0], "ok");
     EXPECT_EQ(s.handler->messages()[0].client, 1u);
@@ -117,7 +105,7 @@ TEST(ServerTransport, StopClosesEverythingPromptly) {
     auto b = s.greeted_client();
     RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
     ASSERT_TRUE(s.handler->wait_clients(2));
-    a->write(hex("02 00000004 41"));  // half a frame: the reader is mid-read
+    a->write(wire::frame({"AB", "C"}).substr(0, 6));  // the reader is mid-frame
 
     const auto start = std::chrono::steady_clock::now();
     s.transport->stop_serve();
@@ -129,27 +117,18 @@ TEST(ServerTransport, StopClosesEverythingPromptly) {
     EXPECT_THROW(RawConnection::connect_to(s.transport->local_port()), std::runtime_error);
 }
 
-bool wait_for(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 TEST(ServerTransport, SilentConnectionIsDroppedAfterTheHandshakeTimeout) {
     Server s([](TransportSimpleSocketServer& t) { t.set_handshake_timeout_ms(100); });
     testing::CapturedOutput log;
     RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
     RawConnection halfHello(RawConnection::connect_to(s.transport->local_port()));
-    halfHello.write(hex("01"));
+    halfHello.write(wire::kHello.substr(0, 1));
     EXPECT_TRUE(silent.wait_closed());
     EXPECT_TRUE(halfHello.wait_closed());
     auto late = s.greeted_client();  // the timeout is for the handshake only
     ASSERT_TRUE(s.handler->wait_clients(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    late->write(hex("01 00000002 6f6b"));
+    late->write(wire::frame({"ok"}));
     ASSERT_TRUE(s.handler->wait_messages(1));
     const std::string err = log.text();
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 2) << err;
@@ -172,11 +151,11 @@ TEST(ServerTransport, ConnectionsBeyondTheCapAreClosedWithOneLine) {
     a.reset();
     ASSERT_TRUE(s.handler->wait_deleted(1));
     // The freed place is taken again once the leaving reader is joined.
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(support::eventually([&] {
         RawConnection probe(RawConnection::connect_to(s.transport->local_port()));
-        probe.write(hex("01 01"));
+        probe.write(wire::kHello);
         try {
-            return to_hex(probe.read(1)) == "01 ";
+            return probe.read(1) == std::string(1, wire::kAccepted);
         } catch (const std::runtime_error&) {
             return false;
         }
@@ -196,7 +175,7 @@ TEST(ServerTransport, ReaderThreadsEndWithTheirClients) {
     clients.clear();
     ASSERT_TRUE(s.handler->wait_deleted(20));
     // No new connection comes to prompt the clean-up.
-    EXPECT_TRUE(wait_for([&] { return thread_count() == baseline; })) << thread_count();
+    EXPECT_TRUE(support::eventually([&] { return thread_count() == baseline; })) << thread_count();
 }
 
 }  // namespace
