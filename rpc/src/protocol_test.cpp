@@ -1,14 +1,22 @@
-// Two engines joined by an in-process pipe, and raw-socket peers of a
-// serving engine where exact bytes matter.
+// Two engines joined by an in-process pipe, whose delivery threads stand
+// for the connections' reader threads, and raw-socket peers of a serving
+// engine where exact bytes matter. Routing by turns: a peer's messages, and
+// finally its loss, are routed one at a time and in order, where they are
+// read or, behind a handler that may block, on a worker; and the engine
+// waits for a route under way before it goes.
 #include "orvi/protocol.h"
 
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <mutex>
 
 #include "envelope/proxy/command_header.pb.h"
+#include "eventually.h"
 #include "orvi/transport_simple_socket_client.h"
 #include "orvi/transport_simple_socket_server.h"
 #include "testing/captured_output.h"
@@ -80,6 +88,49 @@ struct AnswersAndHangsUp : ProxyCommandHandler {
     }
 };
 
+// What a handler saw: each body, or "lost", with the thread that routed it,
+// and whether two ever overlapped.
+struct Journal {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::thread::id>> seen;
+    bool overlap = false;
+    int inside = 0;
+    std::promise<void> openMayFinish;
+    std::vector<std::string> bodies() {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<std::string> out;
+        for (const auto& entry : seen) out.push_back(entry.first);
+        return out;
+    }
+};
+Journal* g_journal = nullptr;
+
+// Holds its opening message until the test lets it go; answers every
+// message with its body, and finishes on "end".
+struct Tracked : ProxyCommandHandler {
+    using ProxyCommandHandler::ProxyCommandHandler;
+    void process_message(const char* data, unsigned int size) override {
+        Journal& j = *g_journal;
+        const std::string body(data, size);
+        {
+            std::lock_guard<std::mutex> lock(j.mutex);
+            j.overlap |= ++j.inside > 1;
+            j.seen.emplace_back(body, std::this_thread::get_id());
+        }
+        if (body == "open") j.openMayFinish.get_future().wait();
+        {
+            std::lock_guard<std::mutex> lock(j.mutex);
+            --j.inside;
+        }
+        send_message(data, size);
+        if (body == "end") set_done();
+    }
+    void client_lost(const std::string&) override {
+        std::lock_guard<std::mutex> lock(g_journal->mutex);
+        g_journal->seen.emplace_back("lost", std::this_thread::get_id());
+    }
+};
+
 // --- the calling side -----------------------------------------------------
 
 struct Call : ProxyCommandClient {
@@ -99,6 +150,19 @@ struct Call : ProxyCommandClient {
     }
 };
 
+// Sends several messages of one command and counts the answers.
+struct Stream : ProxyCommandClient {
+    using ProxyCommandClient::ProxyCommandClient;
+    std::atomic<size_t> answers{0};
+    void process_message(const char*, unsigned int) override { ++answers; }
+    void send(const std::string& body) {
+        send_message(body.data(), static_cast<unsigned int>(body.size()));
+    }
+    bool wait_answers(size_t n) {
+        return support::eventually([&] { return answers.load() >= n; });
+    }
+};
+
 void add_test_commands(Protocol& protocol) {
     protocol.add_command("echo", std::make_shared<ProxyFactoryTpl<Echo>>());
     protocol.add_command("fails", std::make_shared<ProxyFactoryTpl<Fails>>());
@@ -106,6 +170,7 @@ void add_test_commands(Protocol& protocol) {
     protocol.add_command("hangs", std::make_shared<ProxyFactoryTpl<Hangs>>());
     protocol.add_command("answer_and_hang_up",
                          std::make_shared<ProxyFactoryTpl<AnswersAndHangsUp>>());
+    protocol.add_command("tracked", std::make_shared<ProxyFactoryTpl<Tracked>>());
 }
 
 // A serving engine behind a real socket, for the tests of exact bytes.
@@ -331,6 +396,85 @@ TEST(EngineLifetime, DestroyingAServingEngineIsPrompt) {
     server.protocol.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_TRUE(idle->wait_closed());
+}
+
+TEST(Routing, QueuedBehindAWorkerThenRoutedWhereRead) {
+    Journal journal;
+    g_journal = &journal;
+    Pair p;
+    auto stream = p.client.protocol.create_command_proxy<Stream>("tracked");
+    // The opening message goes to a worker and stays there; what follows
+    // meanwhile must queue behind it, not overtake it on the reader.
+    stream->send("open");
+    stream->send("a");
+    stream->send("b");
+    p.server.end->wait_delivered();  // a and b came while open is held
+    journal.openMayFinish.set_value();
+    ASSERT_TRUE(stream->wait_answers(3));
+    std::thread::id worker;
+    {
+        std::lock_guard<std::mutex> lock(journal.mutex);
+        ASSERT_EQ(journal.seen.size(), 3u);
+        worker = journal.seen[0].second;
+        EXPECT_EQ(journal.seen[1].second, worker);
+        EXPECT_EQ(journal.seen[2].second, worker);
+    }
+    // Once the queue has drained, messages are routed where they are read
+    // again. The worker gives the turn back just after its last answer has
+    // gone out, so the first ones after it may still find it taken.
+    std::thread::id last = worker;
+    for (size_t n = 4; last == worker && n < 100; ++n) {
+        stream->send("again");
+        ASSERT_TRUE(stream->wait_answers(n));
+        std::lock_guard<std::mutex> lock(journal.mutex);
+        last = journal.seen.back().second;
+    }
+    EXPECT_NE(last, worker);
+    EXPECT_NE(last, std::this_thread::get_id());
+    stream->send("end");
+    stream->wait();
+    std::lock_guard<std::mutex> lock(journal.mutex);
+    EXPECT_FALSE(journal.overlap);
+}
+
+// A peer's loss is routed after every message it sent before it went.
+TEST(Routing, TheLossComesAfterWhatQueuedBeforeIt) {
+    Journal journal;
+    g_journal = &journal;
+    Pair p;
+    auto stream = p.client.protocol.create_command_proxy<Stream>("tracked");
+    stream->send("open");
+    stream->send("a");
+    p.server.end->wait_delivered();
+    p.server.end->close();
+    p.server.end->wait_delivered();  // the loss is queued behind "a"
+    journal.openMayFinish.set_value();
+    ASSERT_TRUE(support::eventually([&] {
+        const auto seen = journal.bodies();
+        return seen.size() >= 3 && std::count(seen.begin(), seen.end(), "lost") != 0;
+    }));
+    EXPECT_EQ(journal.bodies(), (std::vector<std::string>{"open", "a", "lost"}));
+}
+
+TEST(Routing, TheEngineWaitsForARouteUnderWay) {
+    Journal journal;
+    g_journal = &journal;
+    auto p = std::make_unique<Pair>();
+    auto stream = p->client.protocol.create_command_proxy<Stream>("tracked");
+    stream->send("first");
+    ASSERT_TRUE(stream->wait_answers(1));
+    // Routed where it is read (a follow-on), and held there.
+    stream->send("open");
+    ASSERT_TRUE(support::eventually([&] { return journal.bodies().size() == 2; }));
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        journal.openMayFinish.set_value();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    p.reset();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
+    release.join();
+    EXPECT_EQ(journal.inside, 0);
 }
 
 }  // namespace
