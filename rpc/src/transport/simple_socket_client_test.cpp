@@ -1,7 +1,9 @@
 // The client transport against a scripted peer written with plain sockets.
 #include "orvi/transport_simple_socket_client.h"
 
+#include <dirent.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -176,6 +178,43 @@ TEST(ClientTransport, DisconnectOfAnIdleServingTransportIsPrompt) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
     EXPECT_TRUE(c.peer->wait_closed());
+}
+
+// This process's descriptor connected to 127.0.0.1:port, or -1.
+int connected_to(unsigned short port) {
+    int found = -1;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dirent* e = dir ? readdir(dir) : nullptr) {
+        const int fd = atoi(e->d_name);
+        sockaddr_in peer{};
+        socklen_t len = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 &&
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
+            found = fd;
+        }
+    }
+    if (dir) closedir(dir);
+    return found;
+}
+
+// The kernel watches the connection, read back from the socket itself.
+TEST(ClientTransport, TheConnectionIsWatched) {
+    Connected c;
+    const int fd = connected_to(c.listener.port());
+    ASSERT_GE(fd, 0);
+    const struct {
+        int level, name, value;
+    } options[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                   {IPPROTO_TCP, TCP_KEEPIDLE, 10},
+                   {IPPROTO_TCP, TCP_KEEPINTVL, 5},
+                   {IPPROTO_TCP, TCP_KEEPCNT, 3},
+                   {IPPROTO_TCP, TCP_USER_TIMEOUT, 30000}};
+    for (const auto& o : options) {
+        int value = -1;
+        socklen_t len = sizeof value;
+        EXPECT_EQ(getsockopt(fd, o.level, o.name, &value, &len), 0);
+        EXPECT_EQ(value, o.value) << o.level << "/" << o.name;
+    }
 }
 
 }  // namespace
