@@ -36,31 +36,6 @@ struct Server {
     }
 };
 
-TEST(ServerTransport, ServesManyClientsBothWays) {
-    Server s;
-    EXPECT_TRUE(s.transport->is_server());
-    auto a = s.greeted_client();
-    auto b = s.greeted_client();
-    ASSERT_TRUE(s.handler->wait_clients(2));
-    a->write(wire::frame({"A", "BB"}));
-    ASSERT_TRUE(s.handler->wait_messages(1));
-    b->write(wire::frame({""}));
-    ASSERT_TRUE(s.handler->wait_messages(2));
-    const auto got = s.handler->messages();
-    EXPECT_EQ(got[0].buffers, (std::vector<std::string>{"A", "BB"}));
-    EXPECT_EQ(got[1].buffers, std::vector<std::string>{""});
-    EXPECT_NE(got[0].client, got[1].client);
-
-    const std::string x = "x", yz = "yz";
-    MessageConst m;
-    m.push_back(BufferConst(x.data(), 1));
-    m.push_back(BufferConst(yz.data(), 2));
-    s.transport->send_message(got[0].client, m);
-    const std::string sent = wire::frame({"yz", "x"});
-    EXPECT_EQ(to_hex(a->read(sent.size())), to_hex(sent));
-    s.transport->send_message(999, m);  // a client that never was: ignored
-}
-
 TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
     Server s;
     auto good = s.greeted_client();
