@@ -149,25 +149,12 @@ TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     testing::CapturedOutput log;
     c.peer->close();
     ASSERT_TRUE(c.handler->wait_deleted(1));
-    const std::string err = log.text();
     EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
-    EXPECT_EQ(err.rfind("Worker got exception: Failed to read data from server: ", 0), 0u) << err;
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
 
     // Releasing the transport reports the same client once more.
     c.transport.reset();
     EXPECT_EQ(c.handler->deleted(), (std::vector<unsigned int>{1, 1}));
-}
-
-TEST(ClientTransport, UnreadableFrameEndsTheConnectionWithOneLine) {
-    Connected c;
-    testing::CapturedOutput log;
-    c.peer->write(support::hex("01 fffffff0 00"));
-    c.peer->close();
-    ASSERT_TRUE(c.handler->wait_deleted(1));
-    const std::string err = log.text();
-    EXPECT_EQ(err.rfind("Worker got exception: ", 0), 0u) << err;
-    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    EXPECT_TRUE(c.handler->messages().empty());
 }
 
 TEST(ClientTransport, DisconnectOfAnIdleServingTransportIsPrompt) {
