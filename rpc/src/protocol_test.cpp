@@ -23,7 +23,6 @@
 namespace orvi {
 namespace {
 
-using support::RawConnection;
 using support::to_hex;
 using testing::frame_of;
 using testing::reply;
@@ -187,14 +186,17 @@ struct Pair {
     Pair() { server.join(client); }
 };
 
-template <class E>
-std::string failure(const std::function<void()>& f) {
+// The answer to a call, or how it failed.
+std::string outcome(ClientEngine& client, const char* command, const std::string& body) {
     try {
-        f();
-    } catch (const E& e) {
-        return e.what();
+        return client.call(command, body);
+    } catch (const ProxyCommandNoHandler& e) {
+        return std::string("no handler: ") + e.what();
+    } catch (const ProxyCommandException& e) {
+        return std::string("failed: ") + e.what();
+    } catch (const ProtocolException& e) {
+        return std::string("not sent: ") + e.what();
     }
-    return "(no exception)";
 }
 
 // Each outcome of a call, one after the other on one session: a failure
@@ -217,15 +219,8 @@ TEST(Engines, EachOutcomeReachesTheCaller) {
     };
     testing::CapturedOutput log;
     for (const auto& c : cases) {
-        std::string outcome;
-        try {
-            outcome = p.client.call(c.command, c.body);
-        } catch (const ProxyCommandNoHandler& e) {
-            outcome = std::string("no handler: ") + e.what();
-        } catch (const ProxyCommandException& e) {
-            outcome = std::string("failed: ") + e.what();
-        }
-        EXPECT_EQ(outcome, c.outcome) << c.command << " " << c.body.substr(0, 10);
+        EXPECT_EQ(outcome(p.client, c.command, c.body), c.outcome)
+            << c.command << " " << c.body.substr(0, 10);
     }
     EXPECT_EQ(log.text(), "1: there is no command handler for \"nope\"\n");
     EXPECT_EQ(p.client.protocol.stats().proxies_active, 0u);
@@ -238,12 +233,10 @@ TEST(Engines, DroppedConnectionLosesTheCommand) {
         p.server.end->close();
     });
     // "count" answers and never finishes on its own.
-    EXPECT_EQ(failure<ProxyCommandException>([&] { p.client.call("count", "x"); }),
-              "Connection lost");
+    EXPECT_EQ(outcome(p.client, "count", "x"), "failed: Connection lost");
     dropper.join();
     // With the peer gone there is nobody to bind to.
-    EXPECT_EQ(failure<ProtocolException>([&] { p.client.call("echo", "x"); }),
-              "clientMap.size() == 0");
+    EXPECT_EQ(outcome(p.client, "echo", "x"), "not sent: clientMap.size() == 0");
 }
 
 // The answer inside the DONE is in place when wait() returns, and the
@@ -261,9 +254,7 @@ TEST(Engines, AnAnswerInsideTheDoneThenAHangUpIsAllThere) {
 TEST(Engines, NoPeerAndTwoPeers) {
     ClientEngine client;
     testing::CapturedOutput log;
-    EXPECT_EQ(
-        failure<ProtocolException>([&] { client.protocol.create_command_proxy<Call>("echo"); }),
-        "clientMap.size() == 0");
+    EXPECT_EQ(outcome(client, "echo", "x"), "not sent: clientMap.size() == 0");
     EXPECT_EQ(log.text(), "Error: clientMap.size() == 0\n");
 
     Board first, second;
@@ -280,14 +271,10 @@ TEST(Engines, NoPeerAndTwoPeers) {
 
 // --- exact bytes, with a raw client on one side --------------------------
 
-std::unique_ptr<RawConnection> raw_client(ServerEngine& server) {
-    return testing::greeted_client(server.transport->local_port());
-}
-
 // What cannot be delivered is refused to its sender, whatever the name says.
 TEST(EngineBytes, UndeliverableMessagesGetNoHandler) {
     ServerEngine server;
-    auto c = raw_client(server);
+    auto c = testing::greeted_client(server.transport->local_port());
     wire::Message toUnknownProxy = testing::opening("echo", 5, "x");
     toUnknownProxy.header.dest = 99;  // wins over a name that would match
     wire::Message reserved;
@@ -312,7 +299,7 @@ TEST(EngineBytes, UndeliverableMessagesGetNoHandler) {
 TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
     ServerEngine server;
     server.protocol->set_max_handlers_per_client(3);
-    auto c = raw_client(server);
+    auto c = testing::greeted_client(server.transport->local_port());
     auto answer_of = [&](const std::string& name, uint32_t source) {
         c->write(frame_of(testing::opening(name, source, "x")));
         const auto parts = testing::read_parts(*c);
@@ -337,7 +324,7 @@ TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
     // handler; the cap is per peer.
     EXPECT_EQ(answer_of("count", 2), "2");
     EXPECT_EQ(server.protocol->stats().proxies_created, 4u);
-    auto other = raw_client(server);
+    auto other = testing::greeted_client(server.transport->local_port());
     other->write(frame_of(testing::opening("count", 1, "x")));
     EXPECT_EQ(testing::read_parts(*other).at(2), "1");
     EXPECT_EQ(server.protocol->stats().proxies_active, 4u);
