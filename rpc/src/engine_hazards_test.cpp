@@ -70,8 +70,8 @@ struct Session {
                     bool slow = false) {
         std::thread board_side([&] {
             if (!then) return;
-            EXPECT_EQ(support::to_hex(board->read(frame_of(testing::opening("ask", 1, "")).size())),
-                      support::to_hex(frame_of(testing::opening("ask", 1, ""))));
+            const std::string opening = frame_of(testing::opening("ask", 1, ""));
+            EXPECT_EQ(support::to_hex(board->read(opening.size())), support::to_hex(opening));
             then();
         });
         call = protocol.create_command_proxy<Call>("ask");

@@ -308,10 +308,11 @@ TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
     auto refused = [](uint32_t source) {
         return to_hex(wire::encode(testing::refusal(source).header));
     };
-    // The serving proxy 1 answers our proxy 1.
-    c->write(frame_of(testing::opening("count", 1, "x")));
-    EXPECT_EQ(testing::read_parts(*c), wire::parts(reply(1, 1, wire::kData, {"1"})));
     EXPECT_EQ(answer_of("count", 2), "1");
+    // A new command from a lower proxy id than an open one: serving proxy 2
+    // answers our proxy 1.
+    c->write(frame_of(testing::opening("count", 1, "x")));
+    EXPECT_EQ(testing::read_parts(*c), wire::parts(reply(2, 1, wire::kData, {"1"})));
     EXPECT_EQ(answer_of("echo", 3), "x");  // finishes, so its place is free again
     testing::read_parts(*c);               // its DONE
     EXPECT_EQ(answer_of("count", 4), "1");
