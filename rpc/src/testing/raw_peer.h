@@ -30,12 +30,6 @@ inline std::vector<std::string> read_parts(support::RawConnection& c) {
     return parts;
 }
 
-inline wire::Message read_message(support::RawConnection& c) {
-    wire::Message m;
-    if (!wire::decode(read_parts(c), m)) throw std::runtime_error("undecodable frame");
-    return m;
-}
-
 // A message of a command already under way, from remote proxy `source` to
 // local proxy `dest`.
 inline wire::Message reply(uint32_t source, uint32_t dest, uint32_t status,
@@ -68,14 +62,11 @@ inline wire::Message opening(const std::string& name, uint32_t source, const std
 }
 
 // The board's side of a client's handshake: accepts one connection, reads
-// the greeting into `hello` (when given) and answers `answer`.
-inline std::unique_ptr<support::RawConnection> accept_client(support::RawListener& listener,
-                                                             char answer = wire::kAccepted,
-                                                             std::string* hello = nullptr) {
+// the greeting and accepts it.
+inline std::unique_ptr<support::RawConnection> accept_client(support::RawListener& listener) {
     auto c = std::make_unique<support::RawConnection>(listener.accept_one());
-    const std::string greeting = c->read(wire::kHello.size());
-    if (hello) *hello = greeting;
-    c->write(std::string(1, answer));
+    c->read(wire::kHello.size());
+    c->write(std::string(1, wire::kAccepted));
     return c;
 }
 
