@@ -93,12 +93,6 @@ class ProtocolV1OverSocket : public ::testing::Test {
         info->open(std::unique_ptr<ProtocolV1>(new ProtocolV1(info->m_fd)));
         return info;
     }
-    // The peer writes `bytes`, then closes its end.
-    void peer_writes_and_closes(const std::string& bytes) {
-        support::RawConnection peer(m_fds[1]);
-        m_fds[1] = -1;
-        peer.write(bytes);
-    }
     int m_fds[2];
 };
 
@@ -188,7 +182,8 @@ TEST_F(ProtocolV1OverSocket, UnfinishedOrUnallocatableFramesFailCleanly) {
         SetUp();
         auto handler = std::make_shared<testing::RecordingHandler>();
         auto info = record(handler);
-        peer_writes_and_closes(hex(bytes));
+        support::RawConnection(m_fds[1]).write(hex(bytes));  // and closes its end
+        m_fds[1] = -1;
         CallerTurn turn(info->m_turn);
         try {
             info->m_protocol->recv_message(info);
