@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc benchmarks. Each row sets two runs side by side, measured in turns
 // (A B A B ...) in the same run on the same machine, so that the ratio means
 // something on a noisy box. The references are a minimal board and a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timing and statistics for the benchmark driver.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The least a client can do: connect, run the 2-byte handshake, exit. The
 // reference for how fast a one-shot qorc run could possibly be.
 #include <arpa/inet.h>

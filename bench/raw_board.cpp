@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A minimal board, written by hand over raw sockets: the practical limit of
 // the protocol on this machine, as a reference for qorc and for qord-sim.
 // It answers version, fw_config_mode and echo with one frame (the answer

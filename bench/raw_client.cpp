@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A minimal client, written by hand over raw sockets: what a one-shot run
 // and an upgrade cost at the protocol's own limit. TCP_NODELAY on, as qorc.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The socket side of the benchmarks' reference peers, over the hand-written
 // codec (wire.h): just enough to be the fastest peer the protocol allows,
 // with one system call per message each way.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One measurement each: the runs the benchmark table is made of. Boards
 // (qord-sim or the raw board) run as child processes on free loopback ports.
 #pragma once

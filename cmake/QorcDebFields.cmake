@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Run by CPack after the packages are built (CPACK_POST_BUILD_SCRIPTS): adds
 # the control fields that its DEB generator cannot write, "Multi-Arch: same"
 # for the packages named in CPACK_QORC_MULTIARCH_SAME. Each such package is

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # qorc_add_proto_library(<target> PROTO_ROOT <dir> [INCLUDE_PREFIX <dir>]
 #                        PROTOS <files relative to root>...)
 # Generates lite-runtime C++ for the given schemas. Generated headers are

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` and the packages put on a host, by component:
 #   qorc  the client, its manual page and its bash completion;
 #   sim   the simulated board and its manual page;

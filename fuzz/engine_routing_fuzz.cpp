@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frames from a peer, decoded from the input, routed by an engine that has a
 // client proxy waiting on a command and a handler registered for another.
 // Whatever arrives, the engine neither crashes nor leaves the waiter hanging

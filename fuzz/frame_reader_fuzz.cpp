@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame decoder three ways over the same bytes: in one piece from
 // memory, in small pieces with a stop after every piece (the decoder must
 // resume at the same byte), and through the socket reader over a real

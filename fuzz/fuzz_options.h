@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Included once by every fuzz target. A frame may announce any length, and
 // the decoder allocates what is announced. Inputs are at most 64 KiB, so no
 // frame over that can complete: let allocations above 24 MiB (libFuzzer

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The passcode-file reader on any text, and on a file whose read fails
 // part-way: it always ends, with a match, no match, or a read error.
 #include <cstdint>

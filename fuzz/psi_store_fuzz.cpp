@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulator's PSI store on any client text: merge patches either are
 // refused or leave settings within the depth and size limits, and stored
 // bytes always come back unchanged.

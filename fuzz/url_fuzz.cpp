@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text parses, and what the parser made serialises and parses again.
 #include <cstdint>
 #include <string>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds in Release and runs the benchmarks: upgrade throughput, exit
 # latency, command round trip and peak memory, each beside a reference
 # measured in the same run. Usage: scripts/bench.sh [repeats, default 5]

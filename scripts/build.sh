@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: scripts/build.sh [build-dir] [extra cmake args...]
 # Configures and builds the project. Default directory: build.
 # BUILD_TARGETS="a b" builds only those targets.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds a minimal Debian root for SUITE with mmdebstrap and keeps it as a
 # tarball under build/debian-roots/, one per suite and day, so that the
 # install test builds each root once a day (about a minute each) and unpacks

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The main job on one machine: installs what is needed, builds, starts
 # qord-sim on loopback, takes qorc through every sub-command against it and
 # stops the simulator. Nothing leaves this machine.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: scripts/fetch-armhf-sysroot.sh [dir]     (default: build/sysroot-armhf)
 # Fetches the armhf libraries the cross build links against (protobuf-lite,
 # GoogleTest, nlohmann-json) from the machine's own Debian sources and unpacks

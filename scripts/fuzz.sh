@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: scripts/fuzz.sh [seconds per target, default 30]
 # Builds the libFuzzer targets with clang (ASan + UBSan) and runs each for a
 # fixed time, starting from its committed seeds in fuzz/corpus/<target>. Any

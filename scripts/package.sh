@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages for amd64 and armhf into build/packages/ and
 # checks them with lintian:
 #   qorc_<version>_<arch>.deb, qord-sim_..., libqorc-dev_...

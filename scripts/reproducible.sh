@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages twice, from two copies of the source tree in
 # two different directories, and compares them byte for byte. Where they
 # differ, diffoscope shows how. Exit status 0 when every package is the same.

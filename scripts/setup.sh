@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs every Debian package the project needs, without prompts.
 # Does nothing when they are all there already.
 set -euo pipefail

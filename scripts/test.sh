@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what is needed, checks the format, the licence headers, the
 # Ansible collection (its unit tests and ansible-test sanity, offline) and
 # the lock annotations (a clang build with -Wthread-safety as errors), then

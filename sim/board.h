@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated board: one engine serving every qord command on a TCP
 // address, and the reboot that follows an upgrade or a firmware-source
 // switch.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated board's persistent state: devices, PSI documents,
 // passcodes, firmware source and identity. Kept as one JSON document; every
 // accepted change is written back durably before it is acknowledged (see

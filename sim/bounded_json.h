@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON from clients and files, within limits that keep every later step
 // (merge, dump, destruction) shallow and small: nlohmann's recursive
 // algorithms are only ever run on documents that passed these checks.

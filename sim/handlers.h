@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handler proxies of every command the board serves.
 #pragma once
 

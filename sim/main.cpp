@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qord-sim: a simulated board for trying and testing qorc on one machine.
 #include <pthread.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "options.h"
 #include "testing/captured_output.h"
 

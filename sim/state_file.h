@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The board state's file: loading with type checks, and saving so that a
 // crash at any moment leaves either the old or the new document, whole.
 #pragma once

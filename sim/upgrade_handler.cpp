@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The board's side of an upgrade: ask for the image chunk by chunk, check
 // every size, report a few flashing steps, finish, reboot into the image.
 #include <chrono>

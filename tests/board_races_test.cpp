@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc against a board that answers and hangs up at once, as it does when it
 // reboots, or that puts its answer inside the DONE. Each case is run many
 // times: a race that loses even once gives a wrong answer to a user.

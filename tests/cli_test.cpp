@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of qorc: messages, help, exit statuses, dispatch.
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The bash completions of qorc (sub-commands, options, and files where a
 # sub-command takes a path) and of qord-sim (every option of its help, and
 # the values of its options).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every sub-command but sysupgrade, end to end against qord-sim: each
 // scenario is a simulator set up its way and the runs made against it, in
 // order, each with its exit status and whole output.

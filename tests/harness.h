@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the real qorc and qord-sim binaries for end-to-end tests. Every
 // address used is on the loopback network.
 #pragma once

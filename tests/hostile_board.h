@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted board for end-to-end tests, on plain sockets and the
 // hand-written codec (wire.h), so that qorc is checked against the wire.
 // Its scripts misbehave the ways real boards do: answer and hang up, answer

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the client library from a build tree into a scratch prefix, builds
 # examples/consumer against it (CMake package; pkg-config too in a native
 # build), and runs the result against a simulated board on loopback.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the amd64 packages into minimal Debian roots, one per suite
 # (default: bookworm and trixie, built and cached by scripts/debian-root.sh),
 # with apt, so that their dependencies must resolve against that release, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc against boards that vanish without a word, as real ones do when they
 // lose power, lose their cable or reboot, and against boards that are only
 // slow, each on a Lab of its own (link_lab.h). A dead link must end in an

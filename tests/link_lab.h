@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A board and a host joined by a link that a test can break: two network
 // namespaces of their own (the board answers on 192.168.15.1:7000), a veth
 // pair between them, and the faults a real link has. The board "vanishes"

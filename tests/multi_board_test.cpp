@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Three boards behind one host, as on a real bench: each board answers on
 // 192.168.15.1:7000 from a network namespace of its own, behind a veth link
 // to a host namespace. Every address here exists only inside namespaces

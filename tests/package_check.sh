@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks built Debian packages without installing them: unpacks each into a
 # scratch root with dpkg-deb -x, then runs the programs and reads the manual
 # pages from there. The armhf client runs under qemu-arm-static.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The header boundaries:
 # - the framework's public headers (rpc/orvi) include only each other and the
 #   standard library: nothing from its sources, its generated code or protobuf;

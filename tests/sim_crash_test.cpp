@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kill -9 of qord-sim in the middle of PSI writes: the state file is always
 // a whole JSON document, and no change it acknowledged is ever lost.
 #include <signal.h>

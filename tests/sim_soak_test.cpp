@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qord-sim under a long mixed load: thousands of commands of every kind,
 // hundreds of clients at once, and clients killed in the middle of an
 // upgrade. Afterwards it still upgrades, and holds what it held before.

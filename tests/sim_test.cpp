@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qord-sim as a program: start-up, shutdown and bad clients.
 #include <signal.h>
 #include <sys/resource.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc sysupgrade end to end, against qord-sim. The binary has a /tmp of its
 // own, so the marker file /tmp/qor_sysupgrade is never shared with another
 // test program.

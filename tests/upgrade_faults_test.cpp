@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc sysupgrade against a scripted board that misbehaves, and against
 // faults on the host: signals, a closed standard output, a tampered marker
 // file. The binary has a /tmp of its own.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: fleet_test.sh QORC QORD_SIM
 # Runs the example playbooks against qord-sim boards on 127.0.0.x: the first
 # run upgrades and settles three boards and reports them as they are after

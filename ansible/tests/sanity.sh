@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: sanity.sh [ansible-test sanity options, such as --test pylint]
 # Runs the collection's unit tests, then ansible-test sanity, without any
 # network: in a

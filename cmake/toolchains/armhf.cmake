@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for 32-bit ARM hosts (Debian armhf) with Debian's
 # g++-arm-linux-gnueabihf. The C library comes with the compiler; the other
 # libraries come from a sysroot made by scripts/fetch-armhf-sysroot.sh:

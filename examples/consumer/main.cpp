@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints where a board takes its firmware from: FFF (flash) or FFH (host).
 // Usage: board_mode HOST PORT
 #include <exception>

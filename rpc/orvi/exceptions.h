@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework's exception types. Each derives directly from
 // std::exception, so callers catch them one by one.
 // Public header: includes only other public headers.

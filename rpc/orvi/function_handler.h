@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A command handler whose work is one function of the request body, and the
 // factory that makes one for every incoming command. For boards built from
 // a table of functions, and for test fakes.

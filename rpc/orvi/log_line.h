@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Diagnostics that several threads write at once: each line leaves in one
 // write(2), so lines from concurrent connections never mix mid-line.
 // Public header: includes only other public headers.

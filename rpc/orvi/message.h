@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer lists: the unit that the engine hands to a transport and gets back.
 // Public header: includes only other public headers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A mutex, its scoped lock and a condition variable that clang's thread
 // safety analysis understands (std::mutex carries no annotations). Thin
 // wrappers over the standard ones, with the same semantics. Includes only

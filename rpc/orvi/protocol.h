@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The RPC engine: registry of transports, peers ("clients") and proxies,
 // routing of incoming messages, and header stamping on send.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Proxies: one end of one command exchange.
 //
 // Threads: new_message, set_no_handler and client_lost run on whichever

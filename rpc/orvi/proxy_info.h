@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's bookkeeping for one proxy, shared by the proxy and the engine.
 // Public header: includes only other public headers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lock rules that the compiler checks. Clang's -Wthread-safety reads these
 // attributes; other compilers see nothing. Fields say which mutex guards
 // them (GUARDED_BY), functions which mutex they need held (REQUIRES) or must

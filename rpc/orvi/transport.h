@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interfaces between the engine and any transport.
 // Public header: includes only other public headers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes not-yet-connected transports from URL texts, chosen by scheme.
 // Public header: includes only other public headers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client end of one TCP connection to a daemon.
 // Public header: includes only other public headers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The board's end of the simple-socket transport: listens, accepts any
 // number of clients, runs the server side of the handshake and one reader
 // thread per client.

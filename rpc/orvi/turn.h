@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A peer's turn: the right to route that peer's messages. One thread holds
 // it at a time, so a peer's messages, and finally its loss, are handled one
 // at a time in the order they arrived, whichever thread that is. It is a

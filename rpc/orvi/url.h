@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Endpoint addresses such as "tcp://192.168.15.1:7000?bind=192.168.15.2".
 //
 // The parser is a plain left-to-right search with no validation. Its odd

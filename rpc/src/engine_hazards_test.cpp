@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine as a client runs it, against a board on raw sockets: a caller
 // reads its own answer (TransportSimpleSocketClient::read_until), taking the
 // socket from the reader thread and going on from the same byte; and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "orvi/function_handler.h"
 
 #include <google/protobuf/message_lite.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "orvi/message.h"
 
 #include <google/protobuf/stubs/common.h>

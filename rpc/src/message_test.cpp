@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer lists and the envelope headers, on bytes.
 #include "orvi/message.h"
 

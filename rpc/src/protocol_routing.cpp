@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's routing of incoming messages: each joins its peer's queue,
 // which the holder of the peer's turn routes, to the proxy it is for or a
 // new handler proxy.

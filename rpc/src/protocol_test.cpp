@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two engines joined by an in-process pipe, whose delivery threads stand
 // for the connections' reader threads, and raw-socket peers of a serving
 // engine where exact bytes matter. Routing by turns: a peer's messages, and

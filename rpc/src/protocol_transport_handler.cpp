@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "protocol_transport_handler.h"
 
 #include "orvi/protocol.h"

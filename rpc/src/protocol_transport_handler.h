@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's side of the transport interface: what a transport calls.
 // Threads: the transports' own threads call in, and so does a caller that
 // reads its connection while it waits; the engine's owner clears it when the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "orvi/proxy.h"
 
 #include "envelope/proxy/command_header.pb.h"

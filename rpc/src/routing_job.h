@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One message received from a peer, with its header parsed once, on
 // arrival; or the peer's loss, queued behind its messages.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's worker threads: they route the messages of a peer whose turn
 // was handed to them, because a handler may block (see Protocol). Up to
 // `threads` of them, started with the first task.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Polling with a deadline, for conditions that another process or thread
 // makes true in its own time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scratch directories and whole files, for tests and benchmarks.
 #pragma once
 

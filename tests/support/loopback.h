@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A peer on 127.0.0.1 driven byte by byte with plain sockets, so that the
 // framework is checked against the wire, not against itself; also the plain
 // TCP floors of the benchmarks.

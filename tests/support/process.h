@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Child processes for tests and benchmarks: started with their standard
 // streams in files, waited for with or without a time limit, and the
 // servers among them (qord-sim, the benchmarks' raw board) read back for

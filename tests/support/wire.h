@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The protocol written by hand from its description, sharing no code with
 // orvi or with generated messages: the 2-byte handshake, the frame (a count,
 // then a big-endian length and the bytes of each part, in wire order), and

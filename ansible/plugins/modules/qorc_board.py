@@ -1,4 +1,5 @@
 #!/usr/bin/python
+# SPDX-License-Identifier: Apache-2.0
 # -*- coding: utf-8 -*-
 # Copyright: 2026 The qorc developers
 # Apache License 2.0 (see LICENSE or https://www.apache.org/licenses/LICENSE-2.0)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sub-commands of qorc but the upgrade (upgrade_console.h). Each returns
 // the exit status; exceptions pass to main, which reports them. Device
 // operations address device 0.

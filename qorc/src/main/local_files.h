@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files named on the command line: the messages for their failures, and
 // standard input standing in for a path (or a passcode) given as "-".
 #pragma once

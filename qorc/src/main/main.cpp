@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qorc: runs one sub-command against the board's daemon and exits.
 #include <iostream>
 

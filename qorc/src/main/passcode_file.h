@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The passcode file of reset_imei: records of a device MAC ('-' or ':'
 // between its bytes) and the rest of the line, trimmed, as the passcode.
 #pragma once

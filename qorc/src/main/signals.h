@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How qorc meets signals.
 //  - SIGPIPE is ignored for the whole run: a closed standard output
 //    (`qorc ... | head`) never kills an upgrade; the writes just fail.

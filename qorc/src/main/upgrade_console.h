@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The console face of the system upgrade, and its sub-command.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "upgrade_console.h"
 #include "testing/captured_output.h"
 

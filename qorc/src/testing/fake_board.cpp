@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fake_board.h"
 
 #include "qor/protobuf/catalogue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted board for the client library's tests: a serving engine whose
 // commands the test defines one by one, counting how often each is called.
 // It listens on a free loopback port, and takes in-process connections too.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What this process writes to standard output or error while the object
 // lives. gtest's capture, which is not part of its public API, is used
 // here and nowhere else.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command that runs this build's programs: empty for a native build; for
 // a cross build whose tests run under an emulator, its words, to be put in
 // front of the program (QORC_EMULATOR, space-separated, set by CMake).

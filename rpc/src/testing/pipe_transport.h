@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two engines joined in this process with no socket in between, for engine
 // tests that need no bytes on a wire: exact, and fast. What one end sends
 // reaches the other end's engine in order and as the wire would hand it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test binaries that run upgrades link a main() that puts them in a mount
 // namespace of their own, with a fresh tmpfs on /tmp, so that the marker
 // file /tmp/qor_sysupgrade is theirs alone: other tests and other upgrades on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // main() for test binaries that need a private /tmp (see private_tmp.h).
 //
 // The process re-executes itself through unshare(1) into a new mount

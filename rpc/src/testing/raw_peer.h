@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other end of a connection on plain sockets, speaking through the
 // hand-written codec (wire.h), so that the engine and the transports are
 // checked against the wire and not against themselves.

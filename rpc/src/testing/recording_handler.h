@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A TransportHandler that records what a transport reports, with waits that
 // give up after a few seconds instead of hanging a test.
 #pragma once

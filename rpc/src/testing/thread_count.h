@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many threads this process has now, for tests that check that threads
 // start only when needed and are all gone afterwards.
 #pragma once

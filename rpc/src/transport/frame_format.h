@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simple-socket wire format, in one place.
 //
 // Handshake, once, right after the TCP connection is up:

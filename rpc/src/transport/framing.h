@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frame encoding and decoding, kept apart from sockets so that both can be
 // checked against hand-written bytes. The layout is in frame_format.h.
 #pragma once

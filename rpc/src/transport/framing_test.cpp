@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Golden bytes here are written by hand from the wire layout in
 // transport/frame_format.h, never produced by the code under test.
 #include "transport/framing.h"

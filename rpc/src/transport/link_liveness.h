@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long a client connection may go without a sign of life from its peer
 // before the kernel ends it. A board that loses power, or whose cable is
 // pulled, sends neither FIN nor RST: without these limits a blocked read

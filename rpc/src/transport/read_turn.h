@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whose turn it is to read a connection's socket: the connection's reader
 // thread, or an application thread that waits for its own answer; on the
 // server side, the connection's one reader thread. One at a time. A caller

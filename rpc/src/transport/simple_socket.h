@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connected stream socket: blocking read/write loops, the connection
 // record with its read turn, and the ProtocolV1 framing object. Byte layout:
 // frame_format.h.

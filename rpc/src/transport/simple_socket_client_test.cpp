@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client transport against a scripted peer written with plain sockets.
 #include "orvi/transport_simple_socket_client.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server transport against raw-socket clients.
 #include "orvi/transport_simple_socket_server.h"
 

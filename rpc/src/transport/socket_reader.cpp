@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/socket_reader.h"
 
 #include <netinet/in.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffered, interruptible reads from a blocking stream socket.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The board's commands, and the values that both ends of a command agree on,
 // in one place beside the schemas: the client library, the front end, the
 // simulator and the benchmark harness take them from here.

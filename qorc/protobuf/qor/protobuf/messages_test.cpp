@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serialised bodies checked against bytes worked out by hand from the
 // schemas (field number << 3 | wire type, then the value).
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qor::Client: a session with one board's daemon, qord.
 //
 // Every operation runs one remote command and returns when the board has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session against a scripted board.
 #include "qor/client.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command proxies of the session and of the upgrade. One object serves one
 // call: create it with Protocol::create_command_proxy<T>(), call execute
 // once, drop it. process_message runs on the thread that routes the answer;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system upgrade: stream the image, follow the reboot, check the result.
 #pragma once
 

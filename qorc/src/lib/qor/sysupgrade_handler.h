@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the system upgrade reports, and to whom.
 #pragma once
 

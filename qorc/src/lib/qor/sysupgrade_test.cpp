@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The boot-end wait, against a scripted board.
 #include "qor/sysupgrade.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command proxies of the device operations. Same rules as ../commands.h.
 #pragma once
 

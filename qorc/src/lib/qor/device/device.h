@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The devices (modems) that a board serves, by numeric id: a handle per
 // device, and what its operations report. Handles come from
 // qor::Client::get_device; they are used from the session's thread only.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device lookup and its cache, inside the library.
 //
 // Handles are looked up once with device.get and cached per engine by a

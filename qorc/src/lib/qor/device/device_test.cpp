@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device lookup, caching and loss, against a scripted board.
 #include "qor/device/device.h"
 
