@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -88,7 +89,8 @@ Frames through_a_socket(const std::string& bytes) {
         __builtin_trap();
     }
     shutdown(fds[1], SHUT_WR);
-    SocketReader reader(fds[0]);
+    std::atomic<bool> ackOwed{false};
+    SocketReader reader(fds[0], ackOwed);
     FrameDecoder decoder;
     try {
         while (!reader.at_end_of_stream()) {
