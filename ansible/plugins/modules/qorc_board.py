@@ -36,6 +36,8 @@ notes:
     gone down and answers again (I(reboot_timeout)) before it reads the facts.
   - In check mode nothing is changed and the facts describe the board as it
     is; the diff shows what would change.
+extends_documentation_fragment:
+  - qorc.boards.connection
 attributes:
   check_mode:
     description: Can run in check mode and return changed status prediction
@@ -50,17 +52,6 @@ attributes:
     support: N/A
     platforms: posix
 options:
-  url:
-    description: The board's daemon, C(ADDRESS[:PORT]) as for C(qorc --url).
-    type: str
-    required: true
-  bind:
-    description: Local address or interface to connect from (C(qorc --bind)).
-    type: str
-  qorc:
-    description: The qorc program.
-    type: str
-    default: qorc
   call_timeout:
     description: Seconds any one call of qorc may take (an upgrade gets
       I(reboot_timeout) on top).

@@ -26,6 +26,8 @@ description:
 requirements:
   - A qorc that has the C(fw_version) sub-command, on the host that runs the
     module.
+extends_documentation_fragment:
+  - qorc.boards.connection
 attributes:
   check_mode:
     description: Can run in check mode and return changed status prediction
@@ -41,22 +43,6 @@ attributes:
     description: Target OS/families that can be operated against.
     support: N/A
     platforms: posix
-options:
-  url:
-    description: The board's daemon, C(ADDRESS[:PORT]) as for C(qorc --url).
-    type: str
-    required: true
-  bind:
-    description: Local address or interface to connect from (C(qorc --bind)).
-    type: str
-  qorc:
-    description: The qorc program.
-    type: str
-    default: qorc
-  call_timeout:
-    description: Seconds any one call of qorc may take.
-    type: int
-    default: 60
 """
 
 EXAMPLES = r"""
