@@ -228,6 +228,8 @@ const Group kGroups[] = {
         {{"activate", "TALVEX-0000"}, 1, kHello,
          "Error: TALVEX activation refused: wrong passcode\n"}},
      "", {"state.json", ""}},
+    {"activation", {}, {{{"activate", "TALVEX-5678"}, 0, kHello, ""}},
+     "", {"state.json", "\"talvex_active\":true"}},
     // Lower case with dashes matches; blanks around the passcode go, inner
     // ones stay; the first record wins.
     {"reset_imei finds the passcode by MAC", {}, {

@@ -1,14 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// qord-sim under a long mixed load: thousands of commands of every kind,
-// hundreds of clients at once, and clients killed in the middle of an
-// upgrade. Afterwards it still upgrades, and holds what it held before.
+// qord-sim as a daemon: start-up and shutdown; a long mixed load of
+// thousands of commands of every kind, hundreds of clients at once and
+// clients killed in the middle of an upgrade, after which it still upgrades
+// and holds what it held before; kill -9 during PSI writes; and running out
+// of descriptors.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
 #include <thread>
 
 #include "harness.h"
@@ -17,6 +24,9 @@
 
 namespace e2e {
 namespace {
+
+using support::hex;
+using support::RawConnection;
 
 const char* const kPsiRead = "/boot/psi";
 const char* const kPsiAmend = "/update/psi/amend";
@@ -196,6 +206,136 @@ TEST(SimulatorSoak, ManyCommandsClientsAndKilledUpgradesLeaveNoTrace) {
     std::cout << "qord-sim RSS " << baseline.rssKib << " -> " << after.rssKib << " KiB, threads "
               << after.threads << ", descriptors " << after.fds << "\n";
     EXPECT_EQ(board.sim.stop(), 0);
+}
+
+std::vector<std::string> temporaries_in(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        const std::string name = entry.path().filename();
+        if (name.find(".tmp.") != std::string::npos) names.push_back(name);
+    }
+    return names;
+}
+
+// Writes keys k<n> for n = next, next + 1, ... until the board goes away or
+// `total` is reached; records each write the board acknowledged, and raises
+// `started` at the first of them.
+void write_until_killed(const std::string& address_port, int total, int& next,
+                        std::map<int, bool>& acknowledged, std::atomic<bool>& started) {
+    MutedStdout muted;  // psi_set echoes what it sends
+    qor::Client client;
+    try {
+        client.connect("127.0.0.1", address_port, "", 5);
+        qor::client::Device device = client.get_device(0);
+        while (next < total) {
+            const int n = next++;
+            device.psi_set("/update/psi/amend",
+                           "{\"k" + std::to_string(n) + "\":" + std::to_string(n) + "}");
+            acknowledged[n] = true;
+            started = true;
+        }
+    } catch (const std::exception&) {
+        // The kill: the write in flight, if any, is not acknowledged.
+    }
+    started = true;  // also when no write got through
+}
+
+TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedChange) {
+    TempDir dir;
+    const std::string state = dir.file("state.json");
+    std::mt19937 random(20261122);
+    std::map<int, bool> acknowledged;
+    // Three times the 50 writes a board is asked to survive: more kills land
+    // inside a save.
+    const int writes = 150;
+    int next = 0, rounds = 0;
+    while (next < writes) {
+        Sim sim({"--state", state});
+        std::atomic<bool> started{false};
+        std::thread writer(write_until_killed, std::to_string(sim.port()), writes, std::ref(next),
+                           std::ref(acknowledged), std::ref(started));
+        // The kill lands at a random moment once writes are flowing, however
+        // slow the machine (or its emulator) is.
+        eventually([&] { return started.load(); }, 30000);
+        usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
+        sim.process().signal(SIGKILL);
+        sim.process().wait();
+        writer.join();
+        ++rounds;
+
+        const std::string text = read_file(state);
+        if (text.empty()) continue;  // killed before the first write
+        nlohmann::json doc;
+        ASSERT_NO_THROW(doc = nlohmann::json::parse(text)) << "round " << rounds << ": " << text;
+        const nlohmann::json& psi = doc["devices"][0]["psi"];
+        for (const auto& entry : acknowledged) {
+            const std::string key = "k" + std::to_string(entry.first);
+            ASSERT_TRUE(psi.contains(key)) << key << " acknowledged, lost in round " << rounds;
+            EXPECT_EQ(psi[key], entry.first);
+        }
+    }
+    EXPECT_GE(rounds, 2);
+    ASSERT_FALSE(acknowledged.empty());
+    // Every kill left a temporary behind at most; the next start removes it.
+    Sim last({"--state", state});
+    EXPECT_EQ(temporaries_in(dir.path()), std::vector<std::string>());
+    const std::string key = "\"k" + std::to_string(acknowledged.rbegin()->first) + "\"";
+    EXPECT_RUN(last.run({"psi_get"}), 0, "{any}" + key + "{any}", "");
+    std::cout << rounds << " kills during " << next << " writes, " << acknowledged.size()
+              << " acknowledged\n";
+}
+
+TEST(Simulator, StartsOnlyOnAGoodStateFileAndStopsCleanlyOnSignals) {
+    TempDir dir;
+    const std::string state = dir.write("s.json", "{\"boot_done\": \"yes\"}");
+    EXPECT_RUN(run_command(qord_sim_binary(), {"--state", state, "--listen", "127.0.0.1:0"}), 2, "",
+               "qord-sim: state file " + state + ": /boot_done must be a boolean\n");
+    for (int sig : {SIGTERM, SIGINT}) {
+        Sim sim;
+        sim.process().signal(sig);
+        EXPECT_EQ(sim.process().wait(5000), 0);
+        EXPECT_TRUE(sim.wait_output("qord-sim stopped"));
+    }
+}
+
+// With few descriptors left, clients beyond them wait in the listen queue:
+// the simulator neither spins nor stops serving, and takes them once
+// descriptors are free again.
+TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizers' runtime opens descriptors of its own to check memory;
+    // without any left it reports false errors.
+    GTEST_SKIP() << "not meaningful under the sanitizers";
+#endif
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::unique_ptr<Sim> sim;
+    try {
+        sim.reset(new Sim());  // inherits the limit
+    } catch (...) {
+        setrlimit(RLIMIT_NOFILE, &saved);
+        throw;
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+    std::vector<std::unique_ptr<RawConnection>> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.push_back(std::make_unique<RawConnection>(RawConnection::connect_to(sim->port())));
+        clients.back()->write(hex("01 01"));
+    }
+    const long start = usage_of(sim->process().pid()).cpuTicks;
+    usleep(1000000);
+    const long used = usage_of(sim->process().pid()).cpuTicks - start;
+    EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 5) << "ticks in one second";
+    EXPECT_EQ(sim->err(),
+              "Cannot accept connections: Too many open files; retrying every 100 ms\n");
+
+    clients.clear();
+    EXPECT_RUN(sim->run({"fw_config_mode"}), 0, "{any}", "");
+    EXPECT_EQ(sim->stop(), 0);
 }
 
 }  // namespace
