@@ -192,10 +192,10 @@ const Group kGroups[] = {
         {{"sysupgrade", "fw.zpk", "fallback_ffh"}, 0, kHello + kFfh, "", "", "back on"},
         {{"psi_get", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFH\n", ""}},
      "", {"state.json", "\"firmware_source\":\"FFH\""}},
-    {"remote failures", {"--fail", "fw_config_mode=flash is busy", "--fail",
+    {"remote failures", {"--fail", "fw_config_mode=flash = busy", "--fail",
                          "version=version store unreadable", "--refuse", "psi.get", "--drop",
                          "identities.get"}, {
-        {{"fw_config_mode"}, 1, kHello, "Error: flash is busy\n"},
+        {{"fw_config_mode"}, 1, kHello, "Error: flash = busy\n"},
         {{"fw_version"}, 1, kHello, "Error: version store unreadable\n"},
         {{"psi_get"}, 1, kHello, "Error: No handler found\n"},
         {{"reset_imei", "FILE:c.txt=x y\n"}, 1, kHello, kDropped}}},
