@@ -61,7 +61,8 @@ const std::string kHelp =
     "\n";
 
 // One run of qorc. In every text, {at} is the address under test, {usage}
-// the help that follows a check message and {dir} a scratch folder.
+// the help that follows a check message and {dir} a scratch folder; an
+// argument FILE:name=content writes that file there, FILE:name names it.
 struct Call {
     std::vector<std::string> args;
     int status;
@@ -71,13 +72,17 @@ struct Call {
     std::string then = "";   // a line the simulator prints before the next run
 };
 
-// Runs against one address: a simulator started with `sim`; kClosed, where
-// nothing listens; or kNoBoard: qorc alone in an empty network namespace,
-// with the address, if any, in the row.
+// Runs against one address: a simulator started with `sim` and the state
+// file {dir}/state.json (`state` its text, if any); kClosed, where nothing
+// listens; or kNoBoard: qorc alone in an empty network namespace, with the
+// address, if any, in the row. At the end the file `holds.first` contains
+// `holds.second` (empty: the file is empty or absent).
 struct Group {
     std::string name;
     std::vector<std::string> sim;
     std::vector<Call> runs;
+    std::string state = "";
+    std::pair<std::string, std::string> holds = {};
 };
 
 const std::vector<std::string> kNoBoard = {"none"};
@@ -91,7 +96,15 @@ const std::string kTimeout = "--timeout|-t option require a value > 0\n";
 const std::string kPsi = R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":false})";
 const std::string kIds =
     "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 353456789012348\n\tSERIAL: QS-000001\n";
+const std::string kEmptyMac = "device identities:\n\tMAC: \n\tIMEI: 1\n\tSERIAL: S\n";
 const std::string kFfh = "Fallback to FFH...\rFallback to FFH completed, rebooting\n";
+const std::string kNoRecord = "No passcode found for this device (02:00:5E:10:00:01)\n";
+const std::string kWrongCode = "Error: IMEI reset refused: wrong passcode\n";
+const std::string kNotJson = "Error: PSI amend refused: the text is not valid JSON\n";
+const std::string kNotFound = "Error: device not found\n";
+const std::string kDropped =
+    "Worker got exception: Failed to read data from server: Success\nError: Connection lost\n";
+const std::string kMissing = "{dir}/missing/none.json";
 
 std::string unexpected(const std::string& arg) {
     return "unexpected argument \"" + arg + "\"\n";
@@ -99,7 +112,9 @@ std::string unexpected(const std::string& arg) {
 std::string unknown(const std::string& what, const std::string& arg) {
     return "unknown " + what + " \"" + arg + "\"\n";
 }
-
+std::string not_opened(const std::string& path) {
+    return "Failed to open \"" + path + "\"\n";
+}
 // clang-format off
 const Group kGroups[] = {
     {"help, version and the command-line scan", kNoBoard, {
@@ -166,6 +181,8 @@ const Group kGroups[] = {
         {{"discover", "fw_version"}, 0, kHello + "FW version: qord-sim 1.0.0\n", ""},
         {{"fw_version", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFF\n", ""},
         {{"fw_version", "activate", "TALVEX-5678"}, 0, kHello, ""},
+        // The output file is opened once the board has answered.
+        {{"psi_get", kMissing}, 2, kHello, not_opened(kMissing)},
         // The path goes to reset_imei, then psi_get is set and runs first, with it.
         {{"reset_imei", "{dir}/psi.json", "psi_get"}, 0, kHello, ""},
         {{"psi_set", "{dir}/psi.json"}, 0, kHello + "json: " + kPsi + "\n\n", ""},
@@ -173,24 +190,30 @@ const Group kGroups[] = {
         {{"psi_get", "psi_set", "x", "activate"}, 1, "", kNoPasscode},
         // fallback_ffh wins over a valid sysupgrade; fw_config_mode precedes psi_get.
         {{"sysupgrade", "fw.zpk", "fallback_ffh"}, 0, kHello + kFfh, "", "", "back on"},
-        {{"psi_get", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFH\n", ""}}},
+        {{"psi_get", "fw_config_mode"}, 0, kHello + "FW configuration mode: FFH\n", ""}},
+     "", {"state.json", "\"firmware_source\":\"FFH\""}},
+    {"remote failures", {"--fail", "fw_config_mode=flash = busy", "--fail",
+                         "version=version store unreadable", "--refuse", "psi.get", "--drop",
+                         "identities.get"}, {
+        {{"fw_config_mode"}, 1, kHello, "Error: flash = busy\n"},
+        {{"fw_version"}, 1, kHello, "Error: version store unreadable\n"},
+        {{"psi_get"}, 1, kHello, "Error: No handler found\n"},
+        {{"reset_imei", "FILE:c.txt=x y\n"}, 1, kHello, kDropped}}},
     {"a board without the version service", {"--no-version"}, {
         {{"fw_version"}, 1, kHello, "Error: No handler found\n"}}},
-    {"a board that cannot read its version", {"--fail", "version=version store unreadable"}, {
-        {{"fw_version"}, 1, kHello, "Error: version store unreadable\n"}}},
+    // A PSI patch is sent as it stands and applied as a merge patch.
     {"a lone dash is standard input or output", {}, {
         {{"psi_get", "-"}, 0, kHello + kPsi + "\n", ""},
         // The whole of standard input, sent as it is.
-        {{"psi_set", "-"}, 0, kHello + "json: {\"roaming\": true}\n\n", "",
-         "{\"roaming\": true}\n"},
-        {{"psi_get", "-"}, 0,
-         kHello + R"({"apn":"internet","band":{"lte":[1,3,7,20]},"roaming":true})" "\n", ""},
+        {{"psi_set", "-"}, 0, kHello + "json: {\"roaming\": true, \"band\": null}\n\n", "",
+         "{\"roaming\": true, \"band\": null}\n"},
+        {{"psi_set", "-"}, 1, kHello + "json: {nope\n", kNotJson, "{nope"},
+        {{"psi_set", "FILE:empty.json="}, 1, kHello + "json: \n", kNotJson},
+        {{"psi_get", "-"}, 0, kHello + R"({"apn":"internet","roaming":true})" "\n", ""},
         {{"reset_imei", "-"}, 0, kHello + kIds, "",
          "aa-bb-cc-dd-ee-ff x\n02-00-5e-10-00-01 RESET-1234\n"},
-        {{"reset_imei", "-"}, 1, kHello + kIds, "Error: IMEI reset refused: wrong passcode\n",
-         "02-00-5e-10-00-01 RESET-0000\n"},
-        {{"reset_imei", "-"}, 1, kHello + kIds,
-         "No passcode found for this device (02:00:5E:10:00:01)\n"},
+        {{"reset_imei", "-"}, 1, kHello + kIds, kWrongCode, "02-00-5e-10-00-01 RESET-0000\n"},
+        {{"reset_imei", "-"}, 1, kHello + kIds, kNoRecord},
         // The first line of standard input, without its line end.
         {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\nTALVEX-0000\n"},
         {{"activate", "-"}, 0, kHello, "", "TALVEX-5678\r\n"},
@@ -199,23 +222,88 @@ const Group kGroups[] = {
          "TALVEX-0000\nTALVEX-5678\n"},
         // Read before connecting: an empty one costs no connection.
         {{"activate", "-"}, 1, "", kNoPasscode, ""},
-        {{"activate", "-"}, 1, "", kNoPasscode, "\nTALVEX-5678\n"}}},
-    // Reading a folder fails, as a broken pipe or a disk error would; a
-    // remote call would say so.
-    {"standard input that cannot be read", {"--drop", "get"}, {
+        {{"activate", "-"}, 1, "", kNoPasscode, "\nTALVEX-5678\n"}},
+     "", {"state.json", "\"roaming\":true"}},
+    {"a refused activation writes nothing", {}, {
+        {{"activate", "TALVEX-0000"}, 1, kHello,
+         "Error: TALVEX activation refused: wrong passcode\n"}},
+     "", {"state.json", ""}},
+    {"activation", {}, {{{"activate", "TALVEX-5678"}, 0, kHello, ""}},
+     "", {"state.json", "\"talvex_active\":true"}},
+    // Lower case with dashes matches; blanks around the passcode go, inner
+    // ones stay; the first record wins.
+    {"reset_imei finds the passcode by MAC", {}, {
+        {{"reset_imei", "FILE:c.txt=\n  aa:bb:cc:dd:ee:ff other\n"
+          "02-00-5e-10-00-01 \t RESET 12 34  \n02:00:5E:10:00:01 wrong\n"}, 0,
+         kHello + "device identities:\n\tMAC: 02:00:5E:10:00:01\n\tIMEI: 111\n"
+         "\tSERIAL: QS-000001\n", ""},
+        {{"reset_imei", "FILE:c.txt"}, 0, kHello + kIds, ""},
+        {{"reset_imei", "FILE:w.txt=02-00-5E-10-00-01 RESET 1234\n"}, 1, kHello + kIds,
+         kWrongCode},
+        {{"reset_imei", "FILE:n.txt=aa-bb-cc-dd-ee-ff RESET 12 34\n"}, 1, kHello + kIds,
+         kNoRecord},
+        {{"reset_imei", "FILE:e.txt="}, 1, kHello + kIds, kNoRecord}},
+     R"({"devices": [{"id": 0, "mac": "02:00:5E:10:00:01", "imei": "111",
+        "factory_imei": "353456789012348", "serial": "QS-000001",
+        "imei_reset_passcode": "RESET 12 34"}]})",
+     {"state.json", "\"imei_resets\":2"}},
+    // An empty MAC matches the extra pass after the final newline, which
+    // reuses the last record's passcode; a line with only a MAC sends an
+    // empty one.
+    {"reset_imei with an empty MAC", {}, {
+        {{"reset_imei", "FILE:a.txt=aa-bb-cc-dd-ee-ff left-over\n"}, 1, kHello + kEmptyMac,
+         kWrongCode},
+        {{"reset_imei", "FILE:b.txt=aa-bb-cc-dd-ee-ff\n"}, 0, kHello + kEmptyMac, ""}},
+     R"({"devices": [{"id": 0, "mac": "", "imei": "1", "serial": "S",
+        "imei_reset_passcode": ""}]})",
+     {"state.json", "\"imei_resets\":1"}},
+    {"unknown device", {}, {
+        {{"psi_get"}, 1, kHello, kNotFound},
+        {{"psi_set", "FILE:psi.json={}"}, 1, kHello, kNotFound},
+        {{"reset_imei", "FILE:codes=02:00:5E:10:00:01 1234\n"}, 1, kHello, kNotFound},
+        {{"activate", "1234"}, 1, kHello, kNotFound}},
+     R"({"devices": [{"id": 5}]})", {"state.json", R"({"devices": [{"id": 5}]})"}},
+    {"a board that splits its frames", {"--split-frames"}, {
+        {{"psi_get"}, 0, kHello + kPsi + "\n", ""},
+        {{"fw_config_mode"}, 0, kHello + "FW configuration mode: FFF\n", ""}}},
+    {"handshake mismatch", {"--handshake-version", "2"}, {
+        {{"discover"}, 1, kHello, "Error: Failed to connect, socket protocol mismatch\n"}}},
+    // Files that cannot be read fail before any remote call. Reading a
+    // folder fails, as a broken pipe or a disk error would.
+    {"input that cannot be read", {"--drop", "get"}, {
+        {{"psi_set", kMissing}, 2, kHello, not_opened(kMissing)},
+        {{"reset_imei", kMissing}, 2, kHello, not_opened(kMissing)},
+        {{"psi_set", "{dir}"}, 2, kHello, not_opened("{dir}")},
+        {{"reset_imei", "{dir}"}, 2, kHello, not_opened("{dir}")},
         {{"psi_set", "-"}, 2, kHello, "Failed to read \"-\"\n", kFolder},
         {{"reset_imei", "-"}, 2, kHello, "Failed to read \"-\"\n", kFolder},
-        {{"activate", "-"}, 2, "", "Failed to read \"-\"\n", kFolder}}},
+        {{"activate", "-"}, 2, "", "Failed to read \"-\"\n", kFolder},
+        {{"psi_get", kMissing}, 1, kHello, kDropped}}},
 };
 // clang-format on
+
+// FILE:name=content writes the file, FILE:name names one written before;
+// then the values are filled in.
+std::string resolve(const std::string& arg, const TempDir& dir,
+                    const std::vector<std::pair<std::string, std::string>>& values) {
+    if (arg.compare(0, 5, "FILE:") != 0) return fill(arg, values);
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos) return dir.file(arg.substr(5));
+    return dir.write(arg.substr(5, eq - 5), arg.substr(eq + 1));
+}
 
 TEST(Cli, Runs) {
     for (const Group& g : kGroups) {
         SCOPED_TRACE(g.name);
-        std::unique_ptr<Sim> sim;
-        if (g.sim != kNoBoard && g.sim != kClosed) sim = std::make_unique<Sim>(g.sim);
-        const std::string address = sim ? sim->address() : closed_address();
         TempDir dir;
+        std::unique_ptr<Sim> sim;
+        if (g.sim != kNoBoard && g.sim != kClosed) {
+            std::vector<std::string> args = {"--state", dir.file("state.json")};
+            if (!g.state.empty()) dir.write("state.json", g.state);
+            args.insert(args.end(), g.sim.begin(), g.sim.end());
+            sim = std::make_unique<Sim>(args);
+        }
+        const std::string address = sim ? sim->address() : closed_address();
         const std::vector<std::pair<std::string, std::string>> values = {
             {"{usage}", "Usage:\n" + std::string(qorc_binary()) + kHelp},
             {"{at}", address},
@@ -223,7 +311,7 @@ TEST(Cli, Runs) {
         for (const Call& r : g.runs) {
             std::vector<std::string> args;
             if (g.sim != kNoBoard) args = {"--url", address};
-            for (const std::string& a : r.args) args.push_back(fill(a, values));
+            for (const std::string& a : r.args) args.push_back(resolve(a, dir, values));
             SCOPED_TRACE(testing::PrintToString(args) + " reading " +
                          testing::PrintToString(r.input));
             const std::string input = r.input == kFolder ? dir.path() : dir.write("in", r.input);
@@ -236,6 +324,11 @@ TEST(Cli, Runs) {
                 ASSERT_TRUE(sim->wait_output(r.then));
             }
         }
+        const auto& [file, text] = g.holds;
+        if (file.empty()) continue;
+        const std::string held = read_file(dir.file(file));
+        EXPECT_TRUE(text.empty() ? held.empty() : held.find(text) != std::string::npos)
+            << file << ": " << held;
     }
 }
 

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // kill -9 of qord-sim in the middle of PSI writes: the state file is always
-// a whole JSON document, and no change it acknowledged is ever lost.
+// a whole JSON document, and no change it acknowledged is ever lost. (Not
+// with a /tmp of its own: that is a tmpfs, where a save costs nothing and
+// no kill lands inside one.)
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -18,15 +19,6 @@
 
 namespace e2e {
 namespace {
-
-std::vector<std::string> temporaries_in(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        const std::string name = entry.path().filename();
-        if (name.find(".tmp.") != std::string::npos) names.push_back(name);
-    }
-    return names;
-}
 
 // Writes keys k<n> for n = next, next + 1, ... until the board goes away or
 // `total` is reached; records each write the board acknowledged, and raises
@@ -87,9 +79,7 @@ TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedCha
     }
     EXPECT_GE(rounds, 2);
     ASSERT_FALSE(acknowledged.empty());
-    // Every kill left a temporary behind at most; the next start removes it.
     Sim last({"--state", state});
-    EXPECT_EQ(temporaries_in(dir.path()), std::vector<std::string>());
     const std::string key = "\"k" + std::to_string(acknowledged.rbegin()->first) + "\"";
     EXPECT_RUN(last.run({"psi_get"}), 0, "{any}" + key + "{any}", "");
     std::cout << rounds << " kills during " << next << " writes, " << acknowledged.size()

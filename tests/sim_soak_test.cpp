@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// qord-sim under a long mixed load: thousands of commands of every kind,
-// hundreds of clients at once, and clients killed in the middle of an
-// upgrade. Afterwards it still upgrades, and holds what it held before.
+// qord-sim as a daemon: start-up and shutdown; a long mixed load of
+// thousands of commands of every kind, hundreds of clients at once and
+// clients killed in the middle of an upgrade, after which it still upgrades
+// and holds what it held before; and running out of descriptors.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -17,6 +19,9 @@
 
 namespace e2e {
 namespace {
+
+using support::hex;
+using support::RawConnection;
 
 const char* const kPsiRead = "/boot/psi";
 const char* const kPsiAmend = "/update/psi/amend";
@@ -196,6 +201,59 @@ TEST(SimulatorSoak, ManyCommandsClientsAndKilledUpgradesLeaveNoTrace) {
     std::cout << "qord-sim RSS " << baseline.rssKib << " -> " << after.rssKib << " KiB, threads "
               << after.threads << ", descriptors " << after.fds << "\n";
     EXPECT_EQ(board.sim.stop(), 0);
+}
+
+TEST(Simulator, StartsOnlyOnAGoodStateFileAndStopsCleanlyOnSignals) {
+    TempDir dir;
+    const std::string state = dir.write("s.json", "{\"boot_done\": \"yes\"}");
+    EXPECT_RUN(run_command(qord_sim_binary(), {"--state", state, "--listen", "127.0.0.1:0"}), 2, "",
+               "qord-sim: state file " + state + ": /boot_done must be a boolean\n");
+    for (int sig : {SIGTERM, SIGINT}) {
+        Sim sim;
+        sim.process().signal(sig);
+        EXPECT_EQ(sim.process().wait(5000), 0);
+        EXPECT_TRUE(sim.wait_output("qord-sim stopped"));
+    }
+}
+
+// With few descriptors left, clients beyond them wait in the listen queue:
+// the simulator neither spins nor stops serving, and takes them once
+// descriptors are free again.
+TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizers' runtime opens descriptors of its own to check memory;
+    // without any left it reports false errors.
+    GTEST_SKIP() << "not meaningful under the sanitizers";
+#endif
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::unique_ptr<Sim> sim;
+    try {
+        sim.reset(new Sim());  // inherits the limit
+    } catch (...) {
+        setrlimit(RLIMIT_NOFILE, &saved);
+        throw;
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+    std::vector<std::unique_ptr<RawConnection>> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.push_back(std::make_unique<RawConnection>(RawConnection::connect_to(sim->port())));
+        clients.back()->write(hex("01 01"));
+    }
+    const long start = usage_of(sim->process().pid()).cpuTicks;
+    usleep(1000000);
+    const long used = usage_of(sim->process().pid()).cpuTicks - start;
+    EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 5) << "ticks in one second";
+    EXPECT_EQ(sim->err(),
+              "Cannot accept connections: Too many open files; retrying every 100 ms\n");
+
+    clients.clear();
+    EXPECT_RUN(sim->run({"fw_config_mode"}), 0, "{any}", "");
+    EXPECT_EQ(sim->stop(), 0);
 }
 
 }  // namespace

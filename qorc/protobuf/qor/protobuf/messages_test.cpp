@@ -7,7 +7,6 @@
 #include "qor/protobuf/device/psi_get.pb.h"
 #include "qor/protobuf/fw_config_mode.pb.h"
 #include "qor/protobuf/sysupgrade.pb.h"
-#include "qor/protobuf/version.pb.h"
 
 namespace {
 
@@ -39,26 +38,6 @@ TEST(Messages, RequestsSerialiseToTheExpectedBytes) {
     EXPECT_EQ(bytes(get), std::string("\x08\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", 11));
 
     EXPECT_EQ(bytes(pb::fw_config_mode::Request()), "");
-    EXPECT_EQ(pb::device::get::Request().GetTypeName(), "qor.protobuf.device.get.Request");
-}
-
-TEST(Messages, RequiredFieldsAndEnumsOnParse) {
-    pb::device::get::Answer status;
-    EXPECT_TRUE(status.ParseFromString(std::string("\x08\x02", 2)));
-    EXPECT_EQ(status.status(), pb::device::status::DEVICE_LOST);
-    // 3 is no DeviceStatus: kept as unknown, the required field stays unset.
-    EXPECT_FALSE(status.ParseFromString(std::string("\x08\x03", 2)));
-    EXPECT_FALSE(status.has_status());
-
-    pb::sysupgrade::Answer answer;
-    EXPECT_TRUE(answer.ParseFromString(std::string("\x08\x00", 2)));
-    EXPECT_EQ(answer.type(), pb::sysupgrade::Answer::NEXT);
-    EXPECT_FALSE(answer.has_log());
-    EXPECT_FALSE(answer.ParseFromString(std::string("\x12\x02hi", 4)));  // log without type
-
-    pb::version::Answer version;
-    EXPECT_FALSE(version.ParseFromString(std::string("\x0a\x01v", 3)));  // magic missing
-    EXPECT_TRUE(version.ParseFromString(std::string("\x0a\x01v\x12\x01m", 6)));
 }
 
 }  // namespace

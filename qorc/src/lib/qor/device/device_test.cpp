@@ -81,15 +81,6 @@ TEST(DeviceHandles, HandlesOutlivingTheirEngineAreLost) {
     EXPECT_EQ(kept.info()->id, kUnknownDeviceId);
 }
 
-TEST(DeviceHandles, StatusTexts) {
-    EXPECT_STREQ(get_device_status_str(DEVICE_OK), "device OK");
-    EXPECT_STREQ(get_device_status_str(DEVICE_NOT_FOUND), "device not found");
-    EXPECT_STREQ(DeviceException(DEVICE_LOST).what(), "device lost");
-    EXPECT_STREQ(get_device_status_str(static_cast<DeviceStatus>(3)), "unknown device status");
-    EXPECT_EQ(DeviceInfo(kUnknownDeviceId).status, DEVICE_NOT_FOUND);
-    EXPECT_EQ(DeviceInfo(4).status, DEVICE_OK);
-}
-
 TEST(DeviceHandlesDeathTest, EmptyHandleAbortsBeforeAnyStatusCheck) {
     Device empty;
     std::string json;
