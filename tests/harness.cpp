@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "harness.h"
 
-#include <dirent.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -137,10 +137,7 @@ Usage usage_of(pid_t pid) {
     for (int i = 3; i <= 15 && fields >> field; ++i) {
         if (i >= 14) u.cpuTicks += std::stol(field);
     }
-    if (DIR* fds = opendir((dir + "/fd").c_str())) {
-        while (dirent* e = readdir(fds)) u.fds += e->d_name[0] != '.';
-        closedir(fds);
-    }
+    u.fds = std::distance(std::filesystem::directory_iterator(dir + "/fd"), {});
     return u;
 }
 
@@ -152,10 +149,11 @@ std::vector<std::string> listening_on(const std::string& host, std::vector<std::
 }  // namespace
 
 Sim::Sim(std::vector<std::string> args, const std::string& listen_host)
-    : m_host(listen_host), m_server(QORD_SIM_BIN, listening_on(listen_host, std::move(args))) {}
+    : ServerProcess(QORD_SIM_BIN, listening_on(listen_host, std::move(args))),
+      m_host(listen_host) {}
 
 Sim::~Sim() {
-    if (m_server.process().running()) stop();
+    if (process().running()) stop();
 }
 
 std::string Sim::address() const {
@@ -163,7 +161,7 @@ std::string Sim::address() const {
 }
 
 bool Sim::wait_output(const std::string& text, int timeoutMs) const {
-    return !support::wait_for_line(m_server.out_path(), text, timeoutMs).empty();
+    return !support::wait_for_line(out_path(), text, timeoutMs).empty();
 }
 
 }  // namespace e2e

@@ -62,28 +62,20 @@ bool matches(std::string_view text, std::string_view pattern);
 #define EXPECT_RUN(result, status, out, err) EXPECT_TRUE(::e2e::ran(result, status, out, err))
 
 // qord-sim on a free port of `listen_host`, started and ready to serve.
-class Sim {
+class Sim : public support::ServerProcess {
   public:
     explicit Sim(std::vector<std::string> args = {}, const std::string& listen_host = "127.0.0.1");
     ~Sim();
-    unsigned short port() const { return m_server.port(); }
     std::string address() const;  // host:port, for --url
     Result run(const std::vector<std::string>& args, int timeoutMs = 60000) const {
         return run_at(address(), args, timeoutMs);
     }
     std::string hello() const { return e2e::hello(address()); }
-    // Everything the simulator printed so far.
-    std::string out() const { return m_server.out(); }
-    std::string err() const { return m_server.err(); }
     // Waits until its output holds a whole line with `text`; false after timeoutMs.
     bool wait_output(const std::string& text, int timeoutMs = 15000) const;
-    Process& process() { return m_server.process(); }
-    // SIGTERM and wait; returns the exit status.
-    int stop() { return m_server.stop(); }
 
   private:
     std::string m_host;
-    support::ServerProcess m_server;
 };
 
 // Discards what this process writes to std::cout while it lives.
