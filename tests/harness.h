@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,12 +24,7 @@ struct Result {
     std::string err;
 };
 
-using support::count_of;
-using support::eventually;
-using support::file_exists;
-using support::Process;
-using support::read_file;
-using support::TempDir;
+using namespace support;  // scratch files, processes, polling, raw sockets
 
 const char* qorc_binary();
 const char* qord_sim_binary();
@@ -79,16 +73,9 @@ class Sim : public support::ServerProcess {
 };
 
 // Discards what this process writes to std::cout while it lives.
-class MutedStdout {
-  public:
-    MutedStdout() : m_saved(std::cout.rdbuf(m_sink.rdbuf())) {}
-    ~MutedStdout() { std::cout.rdbuf(m_saved); }
-    MutedStdout(const MutedStdout&) = delete;
-    MutedStdout& operator=(const MutedStdout&) = delete;
-
-  private:
-    std::ostringstream m_sink;
-    std::streambuf* m_saved;
+struct MutedStdout {
+    MutedStdout() { std::cout.setstate(std::ios::badbit); }
+    ~MutedStdout() { std::cout.clear(); }
 };
 
 // What a running process holds, read from /proc.
@@ -99,8 +86,6 @@ struct Usage {
     long cpuTicks = 0;  // user + system time, in clock ticks
 };
 Usage usage_of(pid_t pid);
-
-using support::closed_address;
 
 // Moves this test process, and every program it starts from now on, into a
 // network namespace of its own with only the loopback link, up. For tests

@@ -65,10 +65,8 @@ pid_t spawn_confirmed(const std::string& binary, const posix_spawn_file_actions_
 
 Process::Process(const std::string& binary, const std::vector<std::string>& args,
                  const std::string& out_path, const std::string& err_path) {
-    std::vector<std::string> all{binary};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(&a[0]);
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
