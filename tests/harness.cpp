@@ -112,24 +112,16 @@ std::vector<std::string> Namespaces::exec(const std::string& n,
 
 Result run_command(const std::string& binary, const std::vector<std::string>& args, int timeoutMs) {
     TempDir dir;
-    Result r;
-    {
-        Process p(binary, args, dir.file("out"), dir.file("err"));
-        r.status = p.wait(timeoutMs);
-    }
-    r.out = read_file(dir.file("out"));
-    r.err = read_file(dir.file("err"));
-    return r;
+    Process p(binary, args, dir.file("out"), dir.file("err"));
+    const int status = p.wait(timeoutMs);  // reaped: the files are whole
+    return {status, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
 Usage usage_of(pid_t pid) {
     const std::string dir = "/proc/" + std::to_string(pid);
     Usage u;
-    std::istringstream status(read_file(dir + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) u.rssKib = std::stol(line.substr(6));
-        if (line.compare(0, 8, "Threads:") == 0) u.threads = std::stol(line.substr(8));
-    }
+    u.rssKib = status_field(pid, "VmRSS:");
+    u.threads = status_field(pid, "Threads:");
     // Fields 14 and 15 of stat, counted after the command name's ")".
     const std::string stat = read_file(dir + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));

@@ -66,9 +66,6 @@ class Lab {
   public:
     Lab(int index, const char* name)
         : m_name(name), m_net("qlf", {"h", "b"}, "_" + std::to_string(index)) {}
-    ~Lab() {
-        for (int fd : kept) close(fd);
-    }
 
     // Makes the namespaces and the links, and checks that a vanished board
     // really is silent.
@@ -181,7 +178,7 @@ class Lab {
     }
 
     TempDir dir;
-    std::vector<int> kept;  // sockets closed when the lab goes
+    std::unique_ptr<support::RawListener> kept;  // a listener nobody serves
     double took = 0, from_fault = -1;
 
   private:
@@ -333,7 +330,8 @@ const Case kCases[] = {
      "Error: Timeout occured\n", "", 29.5},
     {"handshake never answered",
      [](Lab& lab) {
-         lab.kept.push_back(lab.listen());  // the stack accepts; nobody reads
+         lab.kept = std::make_unique<support::RawListener>(
+             lab.listen());  // the stack accepts; nobody reads
          lab.mark_fault();
          lab.start_qorc({"fw_config_mode"});
      },

@@ -37,8 +37,8 @@ std::string read_file(const std::string& path) {
 }
 
 bool file_exists(const std::string& path) {
-    std::error_code ignored;
-    return std::filesystem::exists(path, ignored);
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
 }
 
 size_t count_of(const std::string& text, const std::string& what) {

@@ -100,10 +100,10 @@ bool Process::reap(int options) {
     return true;
 }
 
-long Process::peak_rss_kib() const {
-    const std::string status = read_file("/proc/" + std::to_string(m_pid) + "/status");
-    const size_t at = status.find("VmHWM:");
-    return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
+long status_field(pid_t pid, const std::string& key) {
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find(key);
+    return at == std::string::npos ? 0 : std::stol(status.substr(at + key.size()));
 }
 
 bool Process::running() {

@@ -28,19 +28,16 @@ bool get_varint(const std::string& bytes, size_t& at, uint64_t& v) {
     }
     return false;
 }
-
-template <class Map>
-std::optional<typename Map::mapped_type> find(const Map& map, int field) {
-    const auto it = map.find(field);
-    return it == map.end() ? std::nullopt : std::optional(it->second);
-}
 }  // namespace
 
 std::optional<uint64_t> Fields::number(int field) const {
-    return find(numbers, field);
+    const auto it = numbers.find(field);
+    return it == numbers.end() ? std::nullopt : std::optional<uint64_t>(it->second);
 }
+
 std::optional<std::string> Fields::text(int field) const {
-    return find(texts, field);
+    const auto it = texts.find(field);
+    return it == texts.end() ? std::nullopt : std::optional<std::string>(it->second);
 }
 
 bool parse(const std::string& bytes, Fields& out) {
