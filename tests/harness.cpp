@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "harness.h"
 
-#include <dirent.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -112,24 +112,16 @@ std::vector<std::string> Namespaces::exec(const std::string& n,
 
 Result run_command(const std::string& binary, const std::vector<std::string>& args, int timeoutMs) {
     TempDir dir;
-    Result r;
-    {
-        Process p(binary, args, dir.file("out"), dir.file("err"));
-        r.status = p.wait(timeoutMs);
-    }
-    r.out = read_file(dir.file("out"));
-    r.err = read_file(dir.file("err"));
-    return r;
+    Process p(binary, args, dir.file("out"), dir.file("err"));
+    const int status = p.wait(timeoutMs);  // reaped: the files are whole
+    return {status, read_file(dir.file("out")), read_file(dir.file("err"))};
 }
 
 Usage usage_of(pid_t pid) {
     const std::string dir = "/proc/" + std::to_string(pid);
     Usage u;
-    std::istringstream status(read_file(dir + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) u.rssKib = std::stol(line.substr(6));
-        if (line.compare(0, 8, "Threads:") == 0) u.threads = std::stol(line.substr(8));
-    }
+    u.rssKib = status_field(pid, "VmRSS:");
+    u.threads = status_field(pid, "Threads:");
     // Fields 14 and 15 of stat, counted after the command name's ")".
     const std::string stat = read_file(dir + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
@@ -137,10 +129,7 @@ Usage usage_of(pid_t pid) {
     for (int i = 3; i <= 15 && fields >> field; ++i) {
         if (i >= 14) u.cpuTicks += std::stol(field);
     }
-    if (DIR* fds = opendir((dir + "/fd").c_str())) {
-        while (dirent* e = readdir(fds)) u.fds += e->d_name[0] != '.';
-        closedir(fds);
-    }
+    u.fds = std::distance(std::filesystem::directory_iterator(dir + "/fd"), {});
     return u;
 }
 
@@ -152,10 +141,11 @@ std::vector<std::string> listening_on(const std::string& host, std::vector<std::
 }  // namespace
 
 Sim::Sim(std::vector<std::string> args, const std::string& listen_host)
-    : m_host(listen_host), m_server(QORD_SIM_BIN, listening_on(listen_host, std::move(args))) {}
+    : ServerProcess(QORD_SIM_BIN, listening_on(listen_host, std::move(args))),
+      m_host(listen_host) {}
 
 Sim::~Sim() {
-    if (m_server.process().running()) stop();
+    if (process().running()) stop();
 }
 
 std::string Sim::address() const {
@@ -163,7 +153,7 @@ std::string Sim::address() const {
 }
 
 bool Sim::wait_output(const std::string& text, int timeoutMs) const {
-    return !support::wait_for_line(m_server.out_path(), text, timeoutMs).empty();
+    return !support::wait_for_line(out_path(), text, timeoutMs).empty();
 }
 
 }  // namespace e2e

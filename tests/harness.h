@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,12 +24,7 @@ struct Result {
     std::string err;
 };
 
-using support::count_of;
-using support::eventually;
-using support::file_exists;
-using support::Process;
-using support::read_file;
-using support::TempDir;
+using namespace support;  // scratch files, processes, polling, raw sockets
 
 const char* qorc_binary();
 const char* qord_sim_binary();
@@ -62,41 +56,26 @@ bool matches(std::string_view text, std::string_view pattern);
 #define EXPECT_RUN(result, status, out, err) EXPECT_TRUE(::e2e::ran(result, status, out, err))
 
 // qord-sim on a free port of `listen_host`, started and ready to serve.
-class Sim {
+class Sim : public support::ServerProcess {
   public:
     explicit Sim(std::vector<std::string> args = {}, const std::string& listen_host = "127.0.0.1");
     ~Sim();
-    unsigned short port() const { return m_server.port(); }
     std::string address() const;  // host:port, for --url
     Result run(const std::vector<std::string>& args, int timeoutMs = 60000) const {
         return run_at(address(), args, timeoutMs);
     }
     std::string hello() const { return e2e::hello(address()); }
-    // Everything the simulator printed so far.
-    std::string out() const { return m_server.out(); }
-    std::string err() const { return m_server.err(); }
     // Waits until its output holds a whole line with `text`; false after timeoutMs.
     bool wait_output(const std::string& text, int timeoutMs = 15000) const;
-    Process& process() { return m_server.process(); }
-    // SIGTERM and wait; returns the exit status.
-    int stop() { return m_server.stop(); }
 
   private:
     std::string m_host;
-    support::ServerProcess m_server;
 };
 
 // Discards what this process writes to std::cout while it lives.
-class MutedStdout {
-  public:
-    MutedStdout() : m_saved(std::cout.rdbuf(m_sink.rdbuf())) {}
-    ~MutedStdout() { std::cout.rdbuf(m_saved); }
-    MutedStdout(const MutedStdout&) = delete;
-    MutedStdout& operator=(const MutedStdout&) = delete;
-
-  private:
-    std::ostringstream m_sink;
-    std::streambuf* m_saved;
+struct MutedStdout {
+    MutedStdout() { std::cout.setstate(std::ios::badbit); }
+    ~MutedStdout() { std::cout.clear(); }
 };
 
 // What a running process holds, read from /proc.
@@ -107,8 +86,6 @@ struct Usage {
     long cpuTicks = 0;  // user + system time, in clock ticks
 };
 Usage usage_of(pid_t pid);
-
-using support::closed_address;
 
 // Moves this test process, and every program it starts from now on, into a
 // network namespace of its own with only the loopback link, up. For tests

@@ -7,15 +7,15 @@
 namespace e2e {
 
 void BoardConnection::handshake(char version) {
-    if (m_conn.read(2) != wire::kHello) throw std::runtime_error("bad handshake");
-    m_conn.write(std::string(1, version));
+    if (read(2) != wire::kHello) throw std::runtime_error("bad handshake");
+    write(std::string(1, version));
 }
 
 wire::Message BoardConnection::next() {
     std::vector<std::string> parts;
     wire::read_frame(
         [this](char* out, size_t n) {
-            m_conn.read_into(out, n);
+            read_into(out, n);
             return true;
         },
         parts);
@@ -33,7 +33,7 @@ void BoardConnection::answer(const wire::Message& to, uint32_t status,
     m.status = status;
     m.text = text;
     m.bodies = bodies;
-    m_conn.write(wire::frame(wire::parts(m)));
+    write(wire::frame(wire::parts(m)));
 }
 
 HostileBoard::HostileBoard(Script script, int listening_fd)

@@ -22,9 +22,9 @@ using wire::kException;
 
 // One accepted connection. Reads fail (std::runtime_error) when qorc hangs
 // up or stays silent for 10 s, which ends the script for that connection.
-class BoardConnection {
+class BoardConnection : public support::RawConnection {
   public:
-    explicit BoardConnection(int fd) : m_conn(fd, 10000) {}
+    explicit BoardConnection(int fd) : RawConnection(fd, 10000) {}
 
     // Reads the two handshake bytes and answers with `version`.
     void handshake(char version = wire::kAccepted);
@@ -34,12 +34,7 @@ class BoardConnection {
     void answer(const wire::Message& to, uint32_t status,
                 const std::vector<std::string>& bodies = {}, const std::string& text = "");
     // Waits until qorc closes the connection.
-    void wait_closed() { m_conn.drain(); }
-    void close() { m_conn.close(); }
-    int fd() const { return m_conn.fd(); }
-
-  private:
-    support::RawConnection m_conn;
+    void wait_closed() { drain(); }
 };
 
 // Accepts connections on 127.0.0.1, or on the listening socket it is given,

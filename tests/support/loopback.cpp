@@ -14,10 +14,18 @@
 
 namespace support {
 
-RawListener::RawListener(int fd) : m_fd(fd) {
+namespace {
+sockaddr_in loopback(unsigned short port) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(port);
+    return addr;
+}
+}  // namespace
+
+RawListener::RawListener(int fd) : m_fd(fd) {
+    sockaddr_in addr = loopback(0);
     if (m_fd < 0) {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
@@ -62,11 +70,8 @@ RawConnection::~RawConnection() {
 
 int RawConnection::connect_to(unsigned short port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(port);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    const sockaddr_in addr = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
         ::close(fd);
         throw std::runtime_error("cannot connect to 127.0.0.1:" + std::to_string(port));
     }
@@ -130,24 +135,16 @@ void RawConnection::close() {
 }
 
 std::string closed_address() {
-    RawListener gone;
-    const unsigned short port = gone.port();
-    return "127.0.0.1:" + std::to_string(port);
+    return "127.0.0.1:" + RawListener().port_text();  // closed as soon as it is known
 }
 
 std::string hex(const std::string& text) {
-    std::string out;
-    int nibble = -1;
+    std::string digits, out;
     for (char c : text) {
-        if (std::isspace(static_cast<unsigned char>(c))) continue;
-        const int v =
-            std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
-        if (nibble < 0) {
-            nibble = v;
-        } else {
-            out.push_back(static_cast<char>(nibble * 16 + v));
-            nibble = -1;
-        }
+        if (!std::isspace(static_cast<unsigned char>(c))) digits += c;
+    }
+    for (size_t at = 0; at + 1 < digits.size(); at += 2) {
+        out += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
     }
     return out;
 }

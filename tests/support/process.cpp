@@ -10,7 +10,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 
 #include "eventually.h"
@@ -20,10 +22,6 @@ extern char** environ;
 namespace support {
 
 namespace {
-const char* or_null(const std::string& path) {
-    return path.empty() ? "/dev/null" : path.c_str();
-}
-
 // Under qemu-user (the armhf runs) a spawn is an emulated fork, and the child
 // can hang on a lock of the emulator that another thread held at the fork,
 // before it ever reaches exec. So starts are taken one at a time and each is
@@ -67,26 +65,21 @@ pid_t spawn_confirmed(const std::string& binary, const posix_spawn_file_actions_
 
 Process::Process(const std::string& binary, const std::vector<std::string>& args,
                  const std::string& out_path, const std::string& err_path) {
-    std::vector<std::string> all{binary};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(&a[0]);
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    std::unique_ptr<posix_spawn_file_actions_t, int (*)(posix_spawn_file_actions_t*)> destroyed(
+        &actions, posix_spawn_file_actions_destroy);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, or_null(out_path), O_WRONLY | O_CREAT | O_TRUNC,
+    const auto sink = [](const std::string& p) { return p.empty() ? "/dev/null" : p.c_str(); };
+    posix_spawn_file_actions_addopen(&actions, 1, sink(out_path), O_WRONLY | O_CREAT | O_TRUNC,
                                      0644);
-    posix_spawn_file_actions_addopen(&actions, 2, or_null(err_path), O_WRONLY | O_CREAT | O_TRUNC,
+    posix_spawn_file_actions_addopen(&actions, 2, sink(err_path), O_WRONLY | O_CREAT | O_TRUNC,
                                      0644);
-    try {
-        m_pid = spawn_confirmed(binary, actions, argv.data());
-    } catch (...) {
-        posix_spawn_file_actions_destroy(&actions);
-        throw;
-    }
-    posix_spawn_file_actions_destroy(&actions);
+    m_pid = spawn_confirmed(binary, actions, argv.data());
 }
 
 Process::~Process() {
@@ -107,10 +100,10 @@ bool Process::reap(int options) {
     return true;
 }
 
-long Process::peak_rss_kib() const {
-    const std::string status = read_file("/proc/" + std::to_string(m_pid) + "/status");
-    const size_t at = status.find("VmHWM:");
-    return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
+long status_field(pid_t pid, const std::string& key) {
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find(key);
+    return at == std::string::npos ? 0 : std::stol(status.substr(at + key.size()));
 }
 
 bool Process::running() {
@@ -130,19 +123,16 @@ int Process::wait(int timeout_ms) {
 
 std::string wait_for_line(const std::string& path, const std::string& text, int timeout_ms) {
     std::string line;
-    eventually(
+    const bool found = eventually(
         [&] {
-            const std::string all = read_file(path);
-            const size_t at = all.find(text);
-            const size_t end = at == std::string::npos ? at : all.find('\n', at);
-            if (end == std::string::npos) return false;
-            const size_t begin = all.rfind('\n', at);
-            const size_t from = begin == std::string::npos ? 0 : begin + 1;
-            line = all.substr(from, end - from);
-            return true;
+            std::istringstream in(read_file(path));
+            while (std::getline(in, line)) {
+                if (!in.eof() && line.find(text) != std::string::npos) return true;  // a whole line
+            }
+            return false;
         },
         timeout_ms);
-    return line;
+    return found ? line : "";
 }
 
 ServerProcess::ServerProcess(const std::string& binary, const std::vector<std::string>& args)

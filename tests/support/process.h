@@ -14,6 +14,10 @@
 
 namespace support {
 
+// A number from /proc/PID/status ("VmRSS:", "Threads:"); 0 when the
+// process or the key is not there.
+long status_field(pid_t pid, const std::string& key);
+
 class Process {
   public:
     // Standard input is /dev/null; standard output and error go to the
@@ -35,7 +39,7 @@ class Process {
     // The running child's peak resident set since it started its program
     // (VmHWM); 0 once it has ended. Not the rusage of the ended child, which
     // also counts the parent's pages that the child shared until its exec.
-    long peak_rss_kib() const;
+    long peak_rss_kib() const { return status_field(m_pid, "VmHWM:"); }
 
   private:
     bool reap(int options);
