@@ -2,7 +2,6 @@
 // The client transport against a scripted peer written with plain sockets.
 #include "orvi/transport_simple_socket_client.h"
 
-#include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -22,9 +21,9 @@ using support::RawConnection;
 using support::RawListener;
 using support::to_hex;
 
-std::string connect_error(TransportSimpleSocketClient& t, int timeout = 0) {
+std::string connect_error(TransportSimpleSocketClient& t) {
     try {
-        t.connect(timeout);
+        t.connect(0);
     } catch (const SimpleSocketException& e) {
         return e.what();
     }
@@ -102,30 +101,6 @@ TEST(ClientTransport, ConnectOutcomes) {
     }
 }
 
-TEST(ClientTransport, ConnectGivesUpAfterItsBudget) {
-    // A listener whose accept queue is full drops further SYNs, so the
-    // connection never completes.
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(fd, 0), 0);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    std::vector<int> fillers;
-    for (int i = 0; i < 4; ++i) {
-        const int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        ::connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        fillers.push_back(c);
-    }
-    usleep(100000);
-    TransportSimpleSocketClient t("127.0.0.1", std::to_string(ntohs(addr.sin_port)));
-    EXPECT_EQ(connect_error(t, 1), "Timeout occured");
-    for (int c : fillers) close(c);
-    close(fd);
-}
-
 // Frames both ways, whole and in order, and the peer's leaving reported.
 TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     Connected c;
@@ -138,11 +113,13 @@ TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     const std::string sent = wire::frame({"second", "first"});
     EXPECT_EQ(to_hex(c.peer->read(sent.size())), to_hex(sent));
 
+    // Frames cut across reads, with empty ones, which deliver nothing, between.
     std::string burst;
-    for (char i = 0; i < 20; ++i) burst += wire::frame({std::string(1, char('a' + i))});
-    c.peer->write(burst.substr(0, 13));
+    for (char i = 0; i < 20; ++i)
+        burst += wire::frame({std::string(1, char('a' + i))}) + wire::frame({});
+    c.peer->write(burst.substr(0, 10));
     usleep(20000);
-    c.peer->write(burst.substr(13));
+    c.peer->write(burst.substr(10));
     ASSERT_TRUE(c.handler->wait_messages(20));
     const auto got = c.handler->messages();
     for (int i = 0; i < 20; ++i) EXPECT_EQ(got[i].buffers.at(0), std::string(1, char('a' + i)));
@@ -170,19 +147,14 @@ TEST(ClientTransport, DisconnectOfAnIdleServingTransportIsPrompt) {
 
 // This process's descriptor connected to 127.0.0.1:port, or -1.
 int connected_to(unsigned short port) {
-    int found = -1;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* e = dir ? readdir(dir) : nullptr) {
-        const int fd = atoi(e->d_name);
+    for (int fd = 0; fd < 1024; ++fd) {
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
         if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 &&
-            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
-            found = fd;
-        }
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port)
+            return fd;
     }
-    if (dir) closedir(dir);
-    return found;
+    return -1;
 }
 
 // The kernel watches the connection, read back from the socket itself.
