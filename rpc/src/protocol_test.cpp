@@ -139,33 +139,29 @@ struct ServerEngine {
     }
 };
 
-struct ClientEngine {
-    Protocol protocol{1};
-};
-
 // A serving engine joined to a client engine through an in-process pipe.
 struct Board {
     Protocol protocol{1};
     std::shared_ptr<testing::PipeEnd> end;
     Board() { add_test_commands(protocol); }
-    void join(ClientEngine& client) {
+    void join(Protocol& client) {
         std::shared_ptr<testing::PipeEnd> theirs;
         std::tie(end, theirs) = testing::make_pipe();
         protocol.add_transport(end);
-        client.protocol.add_transport(theirs);
+        client.add_transport(theirs);
     }
 };
 
 struct Pair {
     Board server;
-    ClientEngine client;
+    Protocol client{1};
     Pair() { server.join(client); }
 };
 
 // The answer to a call, or how it failed.
-std::string outcome(ClientEngine& client, const char* command, const std::string& body) {
+std::string outcome(Protocol& client, const char* command, const std::string& body) {
     try {
-        return client.protocol.create_command_proxy<Call>(command)->execute(body);
+        return client.create_command_proxy<Call>(command)->execute(body);
     } catch (const ProxyCommandNoHandler& e) {
         return std::string("no handler: ") + e.what();
     } catch (const ProxyCommandException& e) {
@@ -199,13 +195,13 @@ TEST(Engines, EachOutcomeReachesTheCaller) {
             << c.command << " " << c.body.substr(0, 10);
     }
     EXPECT_EQ(log.text(), "1: there is no command handler for \"nope\"\n");
-    EXPECT_EQ(p.client.protocol.stats().proxies_active, 0u);
+    EXPECT_EQ(p.client.stats().proxies_active, 0u);
 }
 
 // A command open when its peer goes is lost; with no peer left there is
 // nobody to bind to, and with two the first is taken.
 TEST(Engines, PeersComingAndGoing) {
-    ClientEngine client;
+    Protocol client{1};
     Board first, second;
     first.join(client);
     std::thread dropper([&] {
@@ -223,7 +219,7 @@ TEST(Engines, PeersComingAndGoing) {
     second.join(client);
     third.join(client);
     testing::CapturedOutput warning;
-    auto proxy = client.protocol.create_command_proxy<Call>("echo");
+    auto proxy = client.create_command_proxy<Call>("echo");
     EXPECT_EQ(warning.text(), "Warning: clientMap.size() == 2\n");
     EXPECT_EQ(proxy->get_transport_client_id(), 2u);
     EXPECT_EQ(proxy->execute("to the first"), "to the first");
@@ -297,7 +293,7 @@ TEST(EngineBytes, OpenCommandsPerPeerAreCapped) {
 struct Tracking {
     Journal journal;
     std::unique_ptr<Pair> p = std::make_unique<Pair>();
-    std::shared_ptr<Call> stream = p->client.protocol.create_command_proxy<Call>("tracked");
+    std::shared_ptr<Call> stream = p->client.create_command_proxy<Call>("tracked");
     Tracking() { g_journal = &journal; }
 };
 
