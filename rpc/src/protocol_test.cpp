@@ -356,11 +356,11 @@ TEST(Routing, TheEngineWaitsForARouteUnderWay) {
     // Routed where it is read (a follow-on), and held there.
     t.stream->send("open");
     ASSERT_TRUE(support::eventually([&] { return t.journal.bodies().size() == 2; }));
+    const auto start = std::chrono::steady_clock::now();  // the release comes 100 ms later
     std::thread release([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         t.journal.openMayFinish.set_value();
     });
-    const auto start = std::chrono::steady_clock::now();
     t.p.reset();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
     release.join();

@@ -99,13 +99,10 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
     // across several buffers, under a stream of signals, make it stop short
     // many times; each time it must resume at the right byte of the right
     // buffer. Patterned data makes a wrong offset visible.
-    auto pattern = [](size_t n, int seed) {
-        std::string s(n, '\0');
-        for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 31 + seed) % 251);
-        return s;
-    };
-    const std::string a = pattern(1 << 20, 1), b = pattern(2 << 20, 2),
-                      c = pattern((1 << 20) + 3, 3);
+    std::string all((4 << 20) + 3, '\0');
+    for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<char>(i * 31 % 251);
+    const std::string a = all.substr(0, 1 << 20), b = all.substr(1 << 20, 2 << 20),
+                      c = all.substr(3 << 20);
     const std::string expected = hex("03 00100003") + c + hex("00200000") + b + hex("00100000") + a;
 
     struct sigaction action {};
@@ -121,12 +118,8 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
         }
     });
     std::string received;
-    std::thread reader([&] {
-        support::RawConnection peer(dup(m_fds[1]));
-        for (size_t done = 0; done < expected.size(); done += 8192) {
-            received += peer.read(std::min<size_t>(8192, expected.size() - done));
-        }
-    });
+    std::thread reader(
+        [&] { received = support::RawConnection(dup(m_fds[1])).read(expected.size()); });
     ProtocolV1 protocol(m_fds[0]);
     protocol.send_message(message_of({a, b, c}));
     sending = false;

@@ -69,7 +69,6 @@ struct Connected : Board {
 TEST(ClientTransport, ConnectOutcomes) {
     RawListener listener;
     const std::string port = listener.port_text();
-    const std::string closed = support::closed_address().substr(10);
     const std::string mismatch = "Failed to connect, socket protocol mismatch";
     const struct {
         const char* host;
@@ -86,12 +85,6 @@ TEST(ClientTransport, ConnectOutcomes) {
         {"127.0.0.1", "0" + port, "127.0.0.2", 1, "connected"},
         {"127.0.0.1", port, "", 0, mismatch},
         {"127.0.0.1", port, "", 2, mismatch},
-        {"127.0.0.1", closed, "", 1, "Failed to connect to 127.0.0.1:" + closed},
-        // Resolved from local tables only: no name server is asked.
-        {"127.0.0.1", "no-such-service", "", 1,
-         "Failed to resolve hostname 127.0.0.1:no-such-service"},
-        // Documentation range, never on this machine.
-        {"127.0.0.1", port, "192.0.2.1", 1, "Failed to bind to 192.0.2.1"},
         {"127.0.0.1", port, "127.0.0.1:x", 1, "Failed to resolve hostname 127.0.0.1:x"},
     };
     for (const auto& c : cases) {
