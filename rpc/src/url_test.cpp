@@ -61,18 +61,14 @@ TEST(ParseUrl, SplitsAsTheSearchDictates) {
     }
 }
 
-// The parts in order, without the parameters; a reparsed path gains a slash.
+// The parts in order, without the parameters; a path gains a slash.
 TEST(SerializeUrl, WritesPartsInOrderWithoutParams) {
-    const Url full{"tcp", "u", "p", "10.0.0.1", "7000", "/x", {{"bind", "ignored"}}};
-    const Url userOnly{"tcp", "u", "", "10.0.0.1", "", "", {}};
-    Url reparsed;
-    parse_url(reparsed, "tcp://h:7/p");
     const struct {
         Url url;
         const char* text;
-    } cases[] = {{full, "tcp://u:p@10.0.0.1:7000//x"},
-                 {userOnly, "tcp://u@10.0.0.1"},
-                 {reparsed, "tcp://h:7//p"},
+    } cases[] = {{{"tcp", "u", "p", "10.0.0.1", "7000", "/x", {{"bind", "ignored"}}},
+                  "tcp://u:p@10.0.0.1:7000//x"},
+                 {{"tcp", "u", "", "10.0.0.1", "", "", {}}, "tcp://u@10.0.0.1"},
                  {Url{}, ""}};
     for (const auto& c : cases) {
         std::string out = "old";
