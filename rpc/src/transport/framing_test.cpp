@@ -157,13 +157,11 @@ TEST_F(ProtocolV1OverSocket, UnfinishedOrUnallocatableFramesFailCleanly) {
     }
 }
 
-TEST(SimpleSocketWrite, ZeroSizeMakesNoCallAndClosedPeerFails) {
+TEST(SimpleSocketWrite, AClosedPeerFails) {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     close(fds[1]);
     char c;
-    EXPECT_NO_THROW(write(fds[0], "x", 0));
-    EXPECT_NO_THROW(read(fds[0], &c, 0));
     try {
         write(fds[0], "x", 1);
         ADD_FAILURE() << "no exception";
