@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace orvi {
 namespace {
 
@@ -46,33 +48,27 @@ TEST(ParseUrl, SplitsAsTheSearchDictates) {
         {":8000", "", "", "8000", "", {{":8000", ""}}},
         {"tcp://:7000", "tcp", "", "7000", "", {{"tcp://:7000", ""}}},
         {"a=b=c", "", "a=b=c", "", "", {{"a", "b=c"}}}};
+    const std::string kNone;
     for (const ParseCase& c : cases) {
         Url url;
         url.user = "stale";
         url.params["stale"] = "x";
         parse_url(url, c.text);
-        EXPECT_EQ(url.scheme, c.scheme) << c.text;
-        EXPECT_EQ(url.user, "") << c.text;
-        EXPECT_EQ(url.password, "") << c.text;
-        EXPECT_EQ(url.host, c.host) << c.text;
-        EXPECT_EQ(url.port, c.port) << c.text;
-        EXPECT_EQ(url.path, c.path) << c.text;
+        EXPECT_EQ(std::tie(url.scheme, url.user, url.password, url.host, url.port, url.path),
+                  std::tie(c.scheme, kNone, kNone, c.host, c.port, c.path))
+            << c.text;
         EXPECT_EQ(url.params, c.params) << c.text;
     }
 }
 
-// The parts in order, without the parameters; a reparsed path gains a slash.
+// The parts in order, without the parameters; a path gains a slash.
 TEST(SerializeUrl, WritesPartsInOrderWithoutParams) {
-    const Url full{"tcp", "u", "p", "10.0.0.1", "7000", "/x", {{"bind", "ignored"}}};
-    const Url userOnly{"tcp", "u", "", "10.0.0.1", "", "", {}};
-    Url reparsed;
-    parse_url(reparsed, "tcp://h:7/p");
     const struct {
         Url url;
         const char* text;
-    } cases[] = {{full, "tcp://u:p@10.0.0.1:7000//x"},
-                 {userOnly, "tcp://u@10.0.0.1"},
-                 {reparsed, "tcp://h:7//p"},
+    } cases[] = {{{"tcp", "u", "p", "10.0.0.1", "7000", "/x", {{"bind", "ignored"}}},
+                  "tcp://u:p@10.0.0.1:7000//x"},
+                 {{"tcp", "u", "", "10.0.0.1", "", "", {}}, "tcp://u@10.0.0.1"},
                  {Url{}, ""}};
     for (const auto& c : cases) {
         std::string out = "old";

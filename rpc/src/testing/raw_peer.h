@@ -34,12 +34,11 @@ inline std::vector<std::string> read_parts(support::RawConnection& c) {
 // A message of a command already under way, from remote proxy `source` to
 // local proxy `dest`.
 inline wire::Message reply(uint32_t source, uint32_t dest, uint32_t status,
-                           std::vector<std::string> bodies = {}, const std::string& text = "") {
+                           std::vector<std::string> bodies = {}) {
     wire::Message m;
     m.header.source = source;
     m.header.dest = dest;
     m.status = status;
-    m.text = text;
     m.bodies = std::move(bodies);
     return m;
 }

@@ -54,10 +54,5 @@ std::vector<unsigned int> RecordingHandler::deleted() {
     return m_deleted;
 }
 
-unsigned int RecordingHandler::clients() {
-    MutexLock lock(m_mutex);
-    return m_nextId - 1;
-}
-
 }  // namespace testing
 }  // namespace orvi

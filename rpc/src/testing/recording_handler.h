@@ -28,7 +28,6 @@ class RecordingHandler : public TransportHandler {
     bool wait_clients(size_t n, int timeoutMs = 5000);
     std::vector<Received> messages();
     std::vector<unsigned int> deleted();
-    unsigned int clients();
 
   private:
     Mutex m_mutex;

@@ -69,14 +69,6 @@ TEST(Framing, GoldenFramesBothWays) {
     }
 }
 
-TEST(FrameDecoder, TruncatedFramesFail) {
-    for (const char* wire : {"", "02 00000001 61", "01 000000", "01 00000002 61"}) {
-        MemorySource source(hex(wire));
-        Message<BufferMutable> m;
-        EXPECT_THROW(read_frame(source, m), SimpleSocketException) << wire;
-    }
-}
-
 // The same bytes through a real socket: ProtocolV1 must put exactly the
 // encoder's layout on the wire, and read back bursts of frames in order.
 class ProtocolV1OverSocket : public ::testing::Test {
@@ -85,14 +77,6 @@ class ProtocolV1OverSocket : public ::testing::Test {
     void TearDown() override {
         close(m_fds[0]);
         if (m_fds[1] >= 0) close(m_fds[1]);
-    }
-    // A connection record on our end, reporting to `handler`.
-    std::shared_ptr<InfoClient> record(const std::shared_ptr<testing::RecordingHandler>& handler,
-                                       unsigned int id = 1) {
-        auto info = std::make_shared<InfoClient>(id, handler);
-        info->m_fd = dup(m_fds[0]);
-        info->open(std::unique_ptr<ProtocolV1>(new ProtocolV1(info->m_fd)));
-        return info;
     }
     int m_fds[2];
 };
@@ -115,13 +99,10 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
     // across several buffers, under a stream of signals, make it stop short
     // many times; each time it must resume at the right byte of the right
     // buffer. Patterned data makes a wrong offset visible.
-    auto pattern = [](size_t n, int seed) {
-        std::string s(n, '\0');
-        for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 31 + seed) % 251);
-        return s;
-    };
-    const std::string a = pattern(1 << 20, 1), b = pattern(2 << 20, 2),
-                      c = pattern((1 << 20) + 3, 3);
+    std::string all((4 << 20) + 3, '\0');
+    for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<char>(i * 31 % 251);
+    const std::string a = all.substr(0, 1 << 20), b = all.substr(1 << 20, 2 << 20),
+                      c = all.substr(3 << 20);
     const std::string expected = hex("03 00100003") + c + hex("00200000") + b + hex("00100000") + a;
 
     struct sigaction action {};
@@ -137,12 +118,8 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
         }
     });
     std::string received;
-    std::thread reader([&] {
-        support::RawConnection peer(dup(m_fds[1]));
-        for (size_t done = 0; done < expected.size(); done += 8192) {
-            received += peer.read(std::min<size_t>(8192, expected.size() - done));
-        }
-    });
+    std::thread reader(
+        [&] { received = support::RawConnection(dup(m_fds[1])).read(expected.size()); });
     ProtocolV1 protocol(m_fds[0]);
     protocol.send_message(message_of({a, b, c}));
     sending = false;
@@ -153,36 +130,17 @@ TEST_F(ProtocolV1OverSocket, InterruptedWritesResumeWhereTheyStopped) {
     EXPECT_TRUE(received == expected);
 }
 
-TEST_F(ProtocolV1OverSocket, ManyFramesInOneWriteArriveInOrder) {
-    auto handler = std::make_shared<testing::RecordingHandler>();
-    auto info = record(handler, 7);
-    std::string burst;
-    for (int i = 0; i < 200; ++i) {
-        burst += wire::frame({"h", "m" + std::to_string(i)});
-        if (i % 50 == 0) burst += wire::frame({});  // empty frames in between
-    }
-    support::RawConnection peer(dup(m_fds[1]));
-    peer.write(burst);
-
-    CallerTurn turn(info->m_turn);
-    while (handler->messages().size() < 200) info->m_protocol->recv_message(info);
-    EXPECT_EQ(info->m_reader->buffered(), 0u);
-    const auto received = handler->messages();
-    ASSERT_EQ(received.size(), 200u);
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_EQ(received[i].client, 7u);
-        EXPECT_EQ(received[i].buffers, (std::vector<std::string>{"h", "m" + std::to_string(i)}));
-    }
-}
-
-// A peer that closes in the middle of a frame, or announces more than can be
-// allocated: a socket error, never a crash, and nothing delivered.
+// A peer that closes before or in the middle of a frame, or announces more
+// than can be allocated: a socket error, never a crash, and nothing delivered.
 TEST_F(ProtocolV1OverSocket, UnfinishedOrUnallocatableFramesFailCleanly) {
-    for (const char* bytes : {"02 00000005 6162", "01 ffffffff 616263"}) {
+    for (const char* bytes :
+         {"", "02 00000001 61", "01 000000", "02 00000005 6162", "01 ffffffff 616263"}) {
         TearDown();  // a fresh pair for each
         SetUp();
         auto handler = std::make_shared<testing::RecordingHandler>();
-        auto info = record(handler);
+        auto info = std::make_shared<InfoClient>(1, handler);
+        info->m_fd = dup(m_fds[0]);
+        info->open(std::unique_ptr<ProtocolV1>(new ProtocolV1(info->m_fd)));
         support::RawConnection(m_fds[1]).write(hex(bytes));  // and closes its end
         m_fds[1] = -1;
         CallerTurn turn(info->m_turn);
@@ -199,13 +157,11 @@ TEST_F(ProtocolV1OverSocket, UnfinishedOrUnallocatableFramesFailCleanly) {
     }
 }
 
-TEST(SimpleSocketWrite, ZeroSizeMakesNoCallAndClosedPeerFails) {
+TEST(SimpleSocketWrite, AClosedPeerFails) {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     close(fds[1]);
     char c;
-    EXPECT_NO_THROW(write(fds[0], "x", 0));
-    EXPECT_NO_THROW(read(fds[0], &c, 0));
     try {
         write(fds[0], "x", 1);
         ADD_FAILURE() << "no exception";

@@ -9,7 +9,11 @@ namespace orvi {
 namespace detail {
 namespace {
 
-TEST(Registry, TcpIsRegisteredBeforeMainAndMatchedExactly) {
+struct Other : TransportSimpleSocketClient {
+    explicit Other(const Url& u) : TransportSimpleSocketClient(u) {}
+};
+
+TEST(Registry, TcpIsRegisteredBeforeMainMatchedExactlyOnceAndForAll) {
     auto& map = get_client_factory_map();
     auto t = make_transport(map, "tcp://127.0.0.1:7000");
     auto* socket = dynamic_cast<TransportSimpleSocketClient*>(t.get());
@@ -25,19 +29,13 @@ TEST(Registry, TcpIsRegisteredBeforeMainAndMatchedExactly) {
     EXPECT_EQ(make_transport(map, "udp://127.0.0.2:7000"), nullptr);
     EXPECT_EQ(make_transport(map, "TCP://127.0.0.2:7000"), nullptr);
     EXPECT_EQ(make_transport(map, "127.0.0.1:7000"), nullptr);
-}
 
-struct Other : TransportSimpleSocketClient {
-    explicit Other(const Url& u) : TransportSimpleSocketClient(u) {}
-};
-
-TEST(Registry, FirstRegistrationWins) {
-    TransportFactoryMap map;
-    EXPECT_TRUE(register_protocol_transport<TransportSimpleSocketClient>(map, "tcp"));
+    // The first registration of a scheme wins.
     EXPECT_FALSE(register_protocol_transport<Other>(map, "tcp"));
-    auto t = make_transport(map, "tcp://h:1");
-    EXPECT_EQ(dynamic_cast<Other*>(t.get()), nullptr);
-    EXPECT_NE(dynamic_cast<TransportSimpleSocketClient*>(t.get()), nullptr);
+    EXPECT_EQ(dynamic_cast<Other*>(make_transport(map, "tcp://h:1").get()), nullptr);
+    TransportFactoryMap fresh;
+    EXPECT_TRUE(register_protocol_transport<Other>(fresh, "tcp"));
+    EXPECT_NE(dynamic_cast<Other*>(make_transport(fresh, "tcp://h:1").get()), nullptr);
 }
 
 }  // namespace

@@ -1,19 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client transport against a scripted peer written with plain sockets.
+// The client transport against a board written with plain sockets: alone,
+// and under the engine as qorc runs it, where a caller reads its own answer
+// (TransportSimpleSocketClient::read_until), taking the socket from the
+// reader thread and going on from the same byte. Run under ASan and TSan,
+// which see what the checks cannot. (Answers followed at once by a hang-up,
+// or inside the DONE, are raced against qorc itself in
+// tests/board_races_test.cpp.)
 #include "orvi/transport_simple_socket_client.h"
 
-#include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <atomic>
 #include <chrono>
+#include <functional>
+#include <thread>
 
+#include "orvi/protocol.h"
 #include "testing/captured_output.h"
 #include "testing/raw_peer.h"
 #include "testing/recording_handler.h"
+#include "testing/thread_count.h"
 
 namespace orvi {
 namespace {
@@ -21,31 +31,37 @@ namespace {
 using support::RawConnection;
 using support::RawListener;
 using support::to_hex;
+using testing::frame_of;
+using testing::reply;
 
-std::string connect_error(TransportSimpleSocketClient& t, int timeout = 0) {
+std::string connect_error(TransportSimpleSocketClient& t) {
     try {
-        t.connect(timeout);
+        t.connect(0);
     } catch (const SimpleSocketException& e) {
         return e.what();
     }
     return "connected";
 }
 
-struct Connected {
+// A board on raw sockets, and a client transport connected to it.
+struct Board {
     RawListener listener;
-    std::shared_ptr<TransportSimpleSocketClient> transport;
     std::unique_ptr<RawConnection> peer;
+    std::shared_ptr<TransportSimpleSocketClient> transport =
+        std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
+    explicit Board(bool idleReader = true) {
+        transport->set_idle_reader(idleReader);
+        std::thread accept([&] { peer = testing::accept_client(listener); });
+        transport->connect(0);
+        accept.join();
+    }
+};
+
+// The transport served by a handler that records what it reports.
+struct Connected : Board {
     std::shared_ptr<testing::RecordingHandler> handler =
         std::make_shared<testing::RecordingHandler>();
-
-    Connected() {
-        transport =
-            std::make_shared<TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
-        std::thread t([&] { peer = testing::accept_client(listener); });
-        transport->connect(0);
-        t.join();
-        transport->start_serve(handler);
-    }
+    Connected() { transport->start_serve(handler); }
 };
 
 // Every way a connection attempt ends, against a board that answers the
@@ -53,7 +69,6 @@ struct Connected {
 TEST(ClientTransport, ConnectOutcomes) {
     RawListener listener;
     const std::string port = listener.port_text();
-    const std::string closed = support::closed_address().substr(10);
     const std::string mismatch = "Failed to connect, socket protocol mismatch";
     const struct {
         const char* host;
@@ -70,12 +85,6 @@ TEST(ClientTransport, ConnectOutcomes) {
         {"127.0.0.1", "0" + port, "127.0.0.2", 1, "connected"},
         {"127.0.0.1", port, "", 0, mismatch},
         {"127.0.0.1", port, "", 2, mismatch},
-        {"127.0.0.1", closed, "", 1, "Failed to connect to 127.0.0.1:" + closed},
-        // Resolved from local tables only: no name server is asked.
-        {"127.0.0.1", "no-such-service", "", 1,
-         "Failed to resolve hostname 127.0.0.1:no-such-service"},
-        // Documentation range, never on this machine.
-        {"127.0.0.1", port, "192.0.2.1", 1, "Failed to bind to 192.0.2.1"},
         {"127.0.0.1", port, "127.0.0.1:x", 1, "Failed to resolve hostname 127.0.0.1:x"},
     };
     for (const auto& c : cases) {
@@ -102,34 +111,10 @@ TEST(ClientTransport, ConnectOutcomes) {
     }
 }
 
-TEST(ClientTransport, ConnectGivesUpAfterItsBudget) {
-    // A listener whose accept queue is full drops further SYNs, so the
-    // connection never completes.
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(fd, 0), 0);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    std::vector<int> fillers;
-    for (int i = 0; i < 4; ++i) {
-        const int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        ::connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        fillers.push_back(c);
-    }
-    usleep(100000);
-    TransportSimpleSocketClient t("127.0.0.1", std::to_string(ntohs(addr.sin_port)));
-    EXPECT_EQ(connect_error(t, 1), "Timeout occured");
-    for (int c : fillers) close(c);
-    close(fd);
-}
-
 // Frames both ways, whole and in order, and the peer's leaving reported.
 TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     Connected c;
-    EXPECT_EQ(c.handler->clients(), 1u);
+    EXPECT_TRUE(c.handler->wait_clients(1));
     const std::string a = "first", b = "second";
     MessageConst m;
     m.push_back(BufferConst(a.data(), a.size()));
@@ -138,11 +123,13 @@ TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     const std::string sent = wire::frame({"second", "first"});
     EXPECT_EQ(to_hex(c.peer->read(sent.size())), to_hex(sent));
 
+    // Frames cut across reads, with empty ones, which deliver nothing, between.
     std::string burst;
-    for (char i = 0; i < 20; ++i) burst += wire::frame({std::string(1, char('a' + i))});
-    c.peer->write(burst.substr(0, 13));
+    for (char i = 0; i < 20; ++i)
+        burst += wire::frame({std::string(1, char('a' + i))}) + wire::frame({});
+    c.peer->write(burst.substr(0, 10));
     usleep(20000);
-    c.peer->write(burst.substr(13));
+    c.peer->write(burst.substr(10));
     ASSERT_TRUE(c.handler->wait_messages(20));
     const auto got = c.handler->messages();
     for (int i = 0; i < 20; ++i) EXPECT_EQ(got[i].buffers.at(0), std::string(1, char('a' + i)));
@@ -158,31 +145,16 @@ TEST(ClientTransport, FramesBothWaysThenThePeerClosing) {
     EXPECT_EQ(c.handler->deleted(), (std::vector<unsigned int>{1, 1}));
 }
 
-TEST(ClientTransport, DisconnectOfAnIdleServingTransportIsPrompt) {
-    Connected c;
-    const auto start = std::chrono::steady_clock::now();
-    c.transport->disconnect();
-    // Bound well under one reader poll interval.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
-    EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
-    EXPECT_TRUE(c.peer->wait_closed());
-}
-
 // This process's descriptor connected to 127.0.0.1:port, or -1.
 int connected_to(unsigned short port) {
-    int found = -1;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* e = dir ? readdir(dir) : nullptr) {
-        const int fd = atoi(e->d_name);
+    for (int fd = 0; fd < 1024; ++fd) {
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
         if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 &&
-            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
-            found = fd;
-        }
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port)
+            return fd;
     }
-    if (dir) closedir(dir);
-    return found;
+    return -1;
 }
 
 // The kernel watches the connection, read back from the socket itself.
@@ -203,6 +175,174 @@ TEST(ClientTransport, TheConnectionIsWatched) {
         EXPECT_EQ(getsockopt(fd, o.level, o.name, &value, &len), 0);
         EXPECT_EQ(value, o.value) << o.level << "/" << o.name;
     }
+}
+
+struct Call : ProxyCommandClient {
+    using ProxyCommandClient::ProxyCommandClient;
+    std::string reply;
+    std::thread::id routed_on;
+    void process_message(const char* data, unsigned int size) override {
+        reply.assign(data, size);
+        routed_on = std::this_thread::get_id();
+    }
+};
+
+// A client engine, as qor::Client sets it up, on the transport.
+struct Session : Board {
+    Protocol protocol{1};
+    explicit Session(bool idleReader = true) : Board(idleReader) {
+        protocol.add_transport(transport);
+    }
+    // Calls "ask" and waits for its end; the failure text, empty when the
+    // call succeeded. With `then`, the board, on a thread of its own, checks
+    // the opening frame byte for byte and then does `then`.
+    std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then = nullptr) {
+        std::thread board_side([&] {
+            if (!then) return;
+            const std::string opening = frame_of(testing::opening("ask", 1, ""));
+            EXPECT_EQ(support::to_hex(peer->read(opening.size())), support::to_hex(opening));
+            then();
+        });
+        call = protocol.create_command_proxy<Call>("ask");
+        std::string error;
+        try {
+            call->send_message(nullptr, 0);
+            call->wait();
+        } catch (const ProxyCommandException& e) {
+            error = e.what();
+        }
+        board_side.join();
+        return error;
+    }
+};
+
+// Header{COMMAND, source 5, dest 1}, CommandHeader{DONE}, "hi".
+const std::string kAnswer = frame_of(reply(5, 1, wire::kDone, {"hi"}));
+// A refusal for a proxy that nobody here has.
+const std::string kRefusalForNobody = frame_of(testing::refusal(99));
+
+// The caller routes its answer on its own thread, going on from the byte
+// where the reader thread stopped in the middle of a frame.
+TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
+    Session s;
+    // Idle long enough for the reader thread to watch the socket; it reads
+    // the start of a frame and waits for the rest.
+    usleep(100000);
+    s.peer->write(kRefusalForNobody.substr(0, 3));
+    usleep(50000);
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call,
+                    [&] {
+                        // Late enough that the caller is waiting: an answer
+                        // that comes before is the reader thread's to deliver.
+                        usleep(50000);
+                        s.peer->write(kRefusalForNobody.substr(3) + kAnswer);
+                    }),
+              "");
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(call->routed_on, std::this_thread::get_id());
+    // Once done, a late DATA for proxy 1 finds nobody: refused to its sender.
+    s.peer->write(frame_of(reply(5, 1, wire::kData, {"x"})));
+    EXPECT_EQ(testing::read_parts(*s.peer), wire::parts(testing::refusal(5)));
+}
+
+TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
+    Session s;
+    testing::CapturedOutput log;
+    std::shared_ptr<Call> call;
+    EXPECT_EQ(s.ask(call, [&] { s.peer->close(); }), "Connection lost");
+    usleep(100000);  // the reader thread's turn comes and goes
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+}
+
+// Without an idle reader, what comes between calls, a frame or the loss,
+// waits for the next caller, who delivers it in order before its own answer.
+TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
+    const size_t before = testing::thread_count_baseline();
+    Session s(false);
+    EXPECT_EQ(testing::thread_count_reaching(before),
+              before);  // no reader, and workers start when needed
+    s.peer->write(kRefusalForNobody);
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().messages_processed, 0u);
+    std::shared_ptr<Call> call;
+    // An EXCEPTION without text, its body in place, ends the call normally.
+    EXPECT_EQ(s.ask(call, [&] { s.peer->write(frame_of(reply(5, 1, wire::kException, {"hi"}))); }),
+              "");
+    EXPECT_EQ(call->reply, "hi");
+    EXPECT_EQ(s.protocol.stats().messages_processed, 2u);  // the refusal, then the answer
+
+    s.peer->close();
+    usleep(100000);
+    EXPECT_EQ(s.protocol.stats().clients_active, 1u);  // nobody has looked yet
+    testing::CapturedOutput log;
+    EXPECT_EQ(s.ask(call), "Connection lost");
+    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
+    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
+}
+
+// The connection record of a removed transport reports its lost client
+// when the transport goes, after the engine; a life handler learns of the
+// engine's end, its pointer cleared under the engine's lock.
+TEST(EngineHazards, WhatOutlivesTheEngine) {
+    struct Watcher : ProtocolLifeHandler {
+        std::atomic<bool> told{false};
+        void on_protocol_destroyed(Protocol*) override { told = true; }
+    } watcher;
+    Board board;
+    auto transport = std::move(board.transport);
+    auto protocol = std::make_unique<Protocol>(1);
+    protocol->register_life_handler(&watcher);
+    protocol->add_transport(transport);
+    protocol->remove_transport(transport);
+    std::thread watching([&] {
+        while (watcher.m_protocol.load() != nullptr) std::this_thread::yield();
+    });
+    protocol.reset();
+    watching.join();
+    EXPECT_TRUE(watcher.told);
+    transport.reset();  // the record tells a handler whose engine is gone
+    EXPECT_TRUE(board.peer->wait_closed());
+}
+
+// Disconnecting a serving transport whose reader is idle is prompt. Sends on
+// another thread meanwhile either go out whole or are refused, and once
+// refused stay refused.
+TEST(TransportHazards, SendsRaceAPromptDisconnectSafely) {
+    Connected c;
+    const auto& transport = c.transport;
+    bool refused = false, sentAfterRefusal = false;
+    std::thread sender([&] {
+        const char byte = 'x';
+        MessageConst m;
+        m.push_back(BufferConst(&byte, 1));
+        for (int i = 0; i < 2000; ++i) {
+            try {
+                transport->send_message(m);
+                sentAfterRefusal |= refused;
+            } catch (const SimpleSocketException&) {
+                refused = true;
+            }
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto start = std::chrono::steady_clock::now();
+    transport->disconnect();
+    // Bound well under one reader poll interval.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+    sender.join();
+    EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
+    EXPECT_FALSE(sentAfterRefusal);
+    // What went out arrived whole, and then the end of the connection.
+    std::string end;
+    try {
+        for (;;) EXPECT_EQ(testing::read_parts(*c.peer), std::vector<std::string>{"x"});
+    } catch (const std::runtime_error& e) {
+        end = e.what();
+    }
+    EXPECT_EQ(end, "raw read: peer closed");
+    EXPECT_THROW(transport->send_message(MessageConst()), SimpleSocketException);
 }
 
 }  // namespace
