@@ -47,7 +47,9 @@ TEST(ServerTransport, BadClientsAreDroppedAloneWithOneLine) {
 
     testing::CapturedOutput log;
     RawConnection wrongVersion(RawConnection::connect_to(s.transport->local_port()));
-    wrongVersion.write(wire::kHello.substr(0, 1) + "\x02");                // answered, then closed
+    wrongVersion.write(wire::kHello.substr(0, 1) + "\x02");
+    EXPECT_EQ(wrongVersion.read(1), std::string(1, wire::kAccepted));  // the server's own version
+    EXPECT_TRUE(wrongVersion.wait_closed());
     s.greeted_client()->write(wire::frame({"A", "B", "C"}).substr(0, 7));  // and goes
     ASSERT_TRUE(s.handler->wait_deleted(1));
     RawConnection silent(RawConnection::connect_to(s.transport->local_port()));
