@@ -246,8 +246,7 @@ const Group kGroups[] = {
          kWrongCode},
         {{"reset_imei", "FILE:b.txt=aa-bb-cc-dd-ee-ff\n"}, 0, kHello + kEmptyMac, ""}},
      R"({"devices": [{"id": 0, "mac": "", "imei": "1", "serial": "S",
-        "imei_reset_passcode": ""}]})",
-     {"state.json", "\"imei_resets\":1"}},
+        "imei_reset_passcode": ""}]})"},
     {"unknown device", {}, {
         {{"psi_set", "FILE:psi.json={}"}, 1, kHello, kNotFound},
         {{"reset_imei", "FILE:codes=02:00:5E:10:00:01 1234\n"}, 1, kHello, kNotFound}},
