@@ -82,6 +82,8 @@ TEST(SimulatorCrash, KillDuringPsiWritesKeepsTheFileWholeAndEveryAcknowledgedCha
     Sim last({"--state", state});
     const std::string key = "\"k" + std::to_string(acknowledged.rbegin()->first) + "\"";
     EXPECT_RUN(last.run({"psi_get"}), 0, "{any}" + key + "{any}", "");
+    last.process().signal(SIGINT);  // stops it as SIGTERM does
+    EXPECT_EQ(last.process().wait(5000), 0);
     std::cout << rounds << " kills during " << next << " writes, " << acknowledged.size()
               << " acknowledged\n";
 }
