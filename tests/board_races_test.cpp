@@ -63,21 +63,5 @@ TEST(BoardRaces, CompleteAnswersAreNeverLost) {
     }
 }
 
-// The board does not know device 0, or reports it lost: an error, never an
-// abort.
-TEST(BoardRaces, DeviceNotFoundOrLost) {
-    for (int status : {1, 2}) {
-        HostileBoard board = one_shot([status](BoardConnection& c, const wire::Message& r) {
-            c.answer(r, kDone, {wire::uint_field(1, status)});
-            c.wait_closed();
-        });
-        for (const auto& args : {std::vector<std::string>{"psi_get"}, {"activate", "1234"}}) {
-            EXPECT_RUN(run_at(board.address(), args), 1, hello(board.address()),
-                       "Error: device not found\n")
-                << args[0] << " " << status;
-        }
-    }
-}
-
 }  // namespace
 }  // namespace e2e

@@ -19,7 +19,7 @@ std::string bytes(const M& m) {
     return out;
 }
 
-TEST(Messages, RequestsSerialiseToTheExpectedBytes) {
+TEST(Messages, SerialiseToTheExpectedBytes) {
     pb::device::psi_get::Request psi;
     psi.set_device_id(0);
     psi.set_path("/boot/psi");
@@ -38,6 +38,11 @@ TEST(Messages, RequestsSerialiseToTheExpectedBytes) {
     EXPECT_EQ(bytes(get), std::string("\x08\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", 11));
 
     EXPECT_EQ(bytes(pb::fw_config_mode::Request()), "");
+
+    // The board's answer to a lost device.
+    pb::device::get::Answer lost;
+    lost.set_status(pb::device::status::DEVICE_LOST);
+    EXPECT_EQ(bytes(lost), "\x08\x02");
 }
 
 }  // namespace

@@ -18,7 +18,8 @@ namespace {
 using Handler = orvi::FunctionHandler;
 namespace pb = qor::protobuf::device;
 
-// Knows device 0 only, and gives an unreadable answer for device 3.
+// Knows device 0 only, reports device 2 lost and gives an unreadable answer
+// for device 3.
 void serve_devices(testing::FakeBoard& board) {
     board.on("device.get", [](Handler& h, const std::string& body) {
         pb::get::Request r;
@@ -28,7 +29,9 @@ void serve_devices(testing::FakeBoard& board) {
             return h.set_done();
         }
         pb::get::Answer a;
-        a.set_status(r.device_id() == 0 ? pb::status::DEVICE_OK : pb::status::DEVICE_NOT_FOUND);
+        a.set_status(r.device_id() == 0   ? pb::status::DEVICE_OK
+                     : r.device_id() == 2 ? pb::status::DEVICE_LOST
+                                          : pb::status::DEVICE_NOT_FOUND);
         h.answer(a);
     });
     board.on("device.psi.get", [](Handler& h, const std::string&) {
@@ -52,7 +55,8 @@ TEST(DeviceHandles, HandlesAreCachedPerEngineButNotFoundIsNot) {
 
     EXPECT_FALSE(client.get_device(7).valid());
     EXPECT_FALSE(client.get_device(7).valid());
-    EXPECT_EQ(board.calls("device.get"), 3);
+    EXPECT_FALSE(client.get_device(2).valid());
+    EXPECT_EQ(board.calls("device.get"), 4);
     EXPECT_TRUE(client.get_device(3).valid());  // an unreadable answer counts as found
 
     std::string json;
