@@ -134,10 +134,6 @@ void RawConnection::close() {
     m_fd = -1;
 }
 
-std::string closed_address() {
-    return "127.0.0.1:" + RawListener().port_text();  // closed as soon as it is known
-}
-
 std::string hex(const std::string& text) {
     std::string digits, out;
     for (char c : text) {

@@ -27,9 +27,6 @@ class RawListener {
     unsigned short m_port;
 };
 
-// An address on 127.0.0.1 where nothing listens.
-std::string closed_address();
-
 // One connected socket with exact reads and writes that fail the test
 // (through exceptions) instead of hanging: every read waits at most
 // limit_ms, or without a limit when it is below 0 (for a benchmark, which
