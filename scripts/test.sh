@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs what is needed, checks the format, the licence headers, the
-# Ansible collection (its unit tests and ansible-test sanity, offline) and
-# the lock annotations (a clang build with -Wthread-safety as errors), then
-# builds and runs every
-# test three ways:
-#   1. a normal build;
-#   2. AddressSanitizer + UndefinedBehaviorSanitizer;
+# Installs what is needed, checks the format, the licence headers and the
+# Ansible collection (its unit tests and ansible-test sanity, offline), then
+# builds and runs every test three ways:
+#   1. a normal build (g++);
+#   2. AddressSanitizer + UndefinedBehaviorSanitizer, built with clang and
+#      its thread-safety analysis as errors, so that this build also checks
+#      the lock annotations and the declared lock order;
 #   3. ThreadSanitizer, for the threaded parts (engine, transports, client);
 # then builds and checks the Debian packages (scripts/package.sh) and installs
 # them into minimal Debian 12 and 13 roots (tests/install_roots_test.sh), runs every
@@ -31,10 +31,6 @@ fi
 echo "=== Ansible collection: unit tests and sanity (${SECONDS}s)"
 bash ansible/tests/sanity.sh
 
-echo "=== thread-safety analysis (${SECONDS}s)"
-CC=clang CXX=clang++ bash scripts/build.sh build/test-thread-safety -DCMAKE_BUILD_TYPE=Debug \
-  -DQORC_THREAD_SAFETY=ON
-
 jobs=$(nproc)
 run() { # name build-dir ctest-args... -- cmake-args...
   local name=$1 dir=$2; shift 2
@@ -49,8 +45,10 @@ run() { # name build-dir ctest-args... -- cmake-args...
 }
 
 run "normal" build/test-normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run "asan+ubsan" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=address,undefined
+CC=clang CXX=clang++ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run "asan+ubsan, thread-safety analysis" build/test-asan -- -DCMAKE_BUILD_TYPE=Debug \
+  -DQORC_SANITIZE=address,undefined -DQORC_THREAD_SAFETY=ON
 # Only the threaded parts: the tests marked THREADED (cmake/QorcHelpers.cmake).
 BUILD_TARGETS="threaded_tests" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run "tsan" build/test-tsan -L threaded -- -DCMAKE_BUILD_TYPE=Debug -DQORC_SANITIZE=thread

@@ -172,7 +172,7 @@ TEST(SimulatorSoak, ManyCommandsClientsAndKilledUpgradesLeaveNoTrace) {
     const Usage after = settled(pid);
     EXPECT_LE(after.threads, baseline.threads);
     EXPECT_LE(after.fds, baseline.fds);
-#ifndef __SANITIZE_ADDRESS__
+#ifndef QORC_ADDRESS_SANITIZER
     // Under AddressSanitizer freed memory sits in quarantine, so RSS says
     // nothing there; its leak check at the simulator's exit stands in. Under
     // an emulator the RSS is mostly the emulator's own translated code.
@@ -198,7 +198,7 @@ TEST(Simulator, StartsOnlyOnAGoodStateFile) {
 // the simulator neither spins nor stops serving, and takes them once
 // descriptors are free again.
 TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QORC_ADDRESS_SANITIZER
     // The sanitizers' runtime opens descriptors of its own to check memory;
     // without any left it reports false errors.
     GTEST_SKIP() << "not meaningful under the sanitizers";
