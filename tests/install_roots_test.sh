@@ -125,9 +125,9 @@ add_executable(plugin_user user.cpp)
 target_link_libraries(plugin_user PRIVATE board_plugin)
 EOF
 
-failures=0
-for suite in "${suites[@]}"; do
-  start=$SECONDS
+# One suite, from its cached root to its verdict (the exit status).
+install_into_root() {
+  local suite=$1 start=$SECONDS tarball root work
   tarball=$(bash "$source_dir/scripts/debian-root.sh" "$suite")
   root=$scratch/$suite
   mkdir -p "$root"
@@ -138,15 +138,32 @@ for suite in "${suites[@]}"; do
   cp -r "$source_dir/examples/consumer" "$scratch/plugin" "$work/"
   cp "$scratch/inside.sh" "$work/"
   # The mounts live and die with the mount namespace.
-  if unshare --net --mount --pid --fork --kill-child -- sh -c '
+  local status=0
+  unshare --net --mount --pid --fork --kill-child -- sh -c '
       mount --make-rprivate / && ip link set lo up &&
       mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" &&
-      exec chroot "$1" /bin/bash /tmp/qorc/inside.sh "$2"' sh "$root" "$suite"; then
-    echo "$suite: $((SECONDS - start)) s"
-  else
-    echo "install roots: $suite failed" >&2
+      exec chroot "$1" /bin/bash /tmp/qorc/inside.sh "$2"' sh "$root" "$suite" || status=$?
+  rm -rf "$root"
+  [ "$status" -eq 0 ] && echo "$suite: $((SECONDS - start)) s"
+  return "$status"
+}
+
+# The suites are independent (each has its own root and namespaces) and
+# mostly wait on the disk and the package mirror: they run side by side,
+# each into a log of its own that is shown when it ends.
+pids=()
+for suite in "${suites[@]}"; do
+  install_into_root "$suite" >"$scratch/$suite.log" 2>&1 &
+  pids+=($!)
+done
+failures=0
+for i in "${!suites[@]}"; do
+  status=0
+  wait "${pids[$i]}" || status=$?
+  cat "$scratch/${suites[$i]}.log"
+  if [ "$status" -ne 0 ]; then
+    echo "install roots: ${suites[$i]} failed" >&2
     failures=$((failures + 1))
   fi
-  rm -rf "$root"
 done
 exit "$failures"
