@@ -19,6 +19,7 @@
 #include <functional>
 #include <thread>
 
+#include "error_of.h"
 #include "orvi/protocol.h"
 #include "testing/captured_output.h"
 #include "testing/raw_peer.h"
@@ -33,15 +34,6 @@ using support::RawListener;
 using support::to_hex;
 using testing::frame_of;
 using testing::reply;
-
-std::string connect_error(TransportSimpleSocketClient& t) {
-    try {
-        t.connect(0);
-    } catch (const SimpleSocketException& e) {
-        return e.what();
-    }
-    return "connected";
-}
 
 // A board on raw sockets, and a client transport connected to it.
 struct Board {
@@ -70,6 +62,7 @@ TEST(ClientTransport, ConnectOutcomes) {
     RawListener listener;
     const std::string port = listener.port_text();
     const std::string mismatch = "Failed to connect, socket protocol mismatch";
+    const std::string kConnected = "(no error)";
     const struct {
         const char* host;
         std::string port;
@@ -79,17 +72,17 @@ TEST(ClientTransport, ConnectOutcomes) {
     } cases[] = {
         // A plain dotted quad skips the resolver; other numeric forms of the
         // same address go through it, to the same place.
-        {"127.0.0.1", port, "", 1, "connected"},
-        {"127.1", port, "", 1, "connected"},
-        {"0x7f.0.0.1", "0" + port, "", 1, "connected"},
-        {"127.0.0.1", "0" + port, "127.0.0.2", 1, "connected"},
+        {"127.0.0.1", port, "", 1, kConnected},
+        {"127.1", port, "", 1, kConnected},
+        {"0x7f.0.0.1", "0" + port, "", 1, kConnected},
+        {"127.0.0.1", "0" + port, "127.0.0.2", 1, kConnected},
         {"127.0.0.1", port, "", 0, mismatch},
         {"127.0.0.1", port, "", 2, mismatch},
         {"127.0.0.1", port, "127.0.0.1:x", 1, "Failed to resolve hostname 127.0.0.1:x"},
     };
     for (const auto& c : cases) {
         const std::string name = std::string(c.host) + ":" + c.port + " bind " + c.bind;
-        const bool reached = c.outcome == "connected" || c.outcome == mismatch;
+        const bool reached = c.outcome == kConnected || c.outcome == mismatch;
         TransportSimpleSocketClient t(c.host, c.port);
         t.m_bind = c.bind;
         std::string hello, from;
@@ -99,13 +92,14 @@ TEST(ClientTransport, ConnectOutcomes) {
             hello = conn.read(wire::kHello.size());
             conn.write(std::string(1, c.answer));
         });
-        EXPECT_EQ(connect_error(t), c.outcome) << name;
+        EXPECT_EQ(support::error_of<SimpleSocketException>([&] { t.connect(0); }), c.outcome)
+            << name;
         board.join();
         if (!reached) continue;
         EXPECT_EQ(to_hex(hello), to_hex(wire::kHello)) << name;
         EXPECT_EQ(from, *c.bind ? c.bind : "127.0.0.1") << name;
         // A failed attempt leaves the transport idle.
-        if (c.outcome != "connected") {
+        if (c.outcome != kConnected) {
             EXPECT_THROW(t.send_message(MessageConst()), SimpleSocketException) << name;
         }
     }
@@ -335,13 +329,10 @@ TEST(TransportHazards, SendsRaceAPromptDisconnectSafely) {
     EXPECT_EQ(c.handler->deleted(), std::vector<unsigned int>{1});
     EXPECT_FALSE(sentAfterRefusal);
     // What went out arrived whole, and then the end of the connection.
-    std::string end;
-    try {
-        for (;;) EXPECT_EQ(testing::read_parts(*c.peer), std::vector<std::string>{"x"});
-    } catch (const std::runtime_error& e) {
-        end = e.what();
-    }
-    EXPECT_EQ(end, "raw read: peer closed");
+    EXPECT_EQ(support::error_of<std::runtime_error>([&] {
+                  for (;;) EXPECT_EQ(testing::read_parts(*c.peer), std::vector<std::string>{"x"});
+              }),
+              "raw read: peer closed");
     EXPECT_THROW(transport->send_message(MessageConst()), SimpleSocketException);
 }
 

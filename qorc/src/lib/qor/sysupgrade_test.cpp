@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "error_of.h"
 #include "fake_board.h"
 #include "qor/protobuf/system_boot_end.pb.h"
 
@@ -76,12 +77,9 @@ TEST(BootEnd, ALostConnectionIsThrownNotWaitedOut) {
     auto t = std::make_shared<orvi::TransportSimpleSocketClient>("127.0.0.1", listener.port_text());
     t->connect(1);
     protocol.add_transport(t);
-    try {
-        _wait_system_boot_end(protocol, nullptr, 0);
-        ADD_FAILURE() << "returned";
-    } catch (const orvi::ProxyCommandException& e) {
-        EXPECT_STREQ(e.what(), "Connection lost");
-    }
+    EXPECT_EQ(support::error_of<orvi::ProxyCommandException>(
+                  [&] { _wait_system_boot_end(protocol, nullptr, 0); }),
+              "Connection lost");
     board.join();
 }
 

@@ -6,6 +6,7 @@
 
 #include "qor/device/device_manager.h"
 
+#include "error_of.h"
 #include "fake_board.h"
 #include "qor/client.h"
 #include "qor/protobuf/device/get.pb.h"
@@ -75,12 +76,8 @@ TEST(DeviceHandles, HandlesOutlivingTheirEngineAreLost) {
     }
     EXPECT_EQ(DeviceManager::s_deviceManagerMap.size(), 0u);
     std::string json;
-    try {
-        kept.psi_get("/boot/psi", json);
-        FAIL() << "no exception";
-    } catch (const DeviceException& e) {
-        EXPECT_STREQ(e.what(), "device lost");
-    }
+    EXPECT_EQ(support::error_of<DeviceException>([&] { kept.psi_get("/boot/psi", json); }),
+              "device lost");
     EXPECT_EQ(board.calls("device.psi.get"), 0);
     EXPECT_EQ(kept.info()->id, kUnknownDeviceId);
 }
