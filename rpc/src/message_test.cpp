@@ -18,16 +18,6 @@ TEST(MessageList, HoldsAtMost255Buffers) {
                  "m_buffers.size\\(\\) != std::numeric_limits<size_type>::max\\(\\)");
 }
 
-TEST(MessageList, ReceivedBuffersShareTheirStorage) {
-    std::shared_ptr<char[]> storage(new char[3]{'a', 'b', 'c'});
-    Message<BufferMutable> m;
-    m.push_back(BufferMutable(storage, 3));
-    Message<BufferMutable> copy = m;
-    storage.reset();
-    m = Message<BufferMutable>();
-    EXPECT_EQ(std::string(copy[0].data, copy[0].size), "abc");
-}
-
 // The engine's frames, and an EXCEPTION with its text from a hand-written
 // board, are checked against the hand-written codec elsewhere; what no other
 // test sends is checked here.
