@@ -4,6 +4,8 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "testing/raw_peer.h"
+
 namespace e2e {
 
 void BoardConnection::handshake(char version) {
@@ -12,28 +14,19 @@ void BoardConnection::handshake(char version) {
 }
 
 wire::Message BoardConnection::next() {
-    std::vector<std::string> parts;
-    wire::read_frame(
-        [this](char* out, size_t n) {
-            read_into(out, n);
-            return true;
-        },
-        parts);
     wire::Message m;
-    if (!wire::decode(parts, m) || !m.status) throw std::runtime_error("frame without envelope");
+    if (!wire::decode(orvi::testing::read_parts(*this), m) || !m.status)
+        throw std::runtime_error("frame without envelope");
     return m;
 }
 
 void BoardConnection::answer(const wire::Message& to, uint32_t status,
                              const std::vector<std::string>& bodies, const std::string& text) {
     // Our proxy id is 1000 + the requester's; it is only echoed back.
-    wire::Message m;
-    m.header.source = 1000 + to.header.source.value_or(0);
-    m.header.dest = to.header.source;
-    m.status = status;
+    const uint32_t from = to.header.source.value_or(0);
+    wire::Message m = orvi::testing::reply(1000 + from, from, status, bodies);
     m.text = text;
-    m.bodies = bodies;
-    write(wire::frame(wire::parts(m)));
+    write(orvi::testing::frame_of(m));
 }
 
 HostileBoard::HostileBoard(Script script, int listening_fd)
