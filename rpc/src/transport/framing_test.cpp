@@ -144,9 +144,10 @@ TEST_F(ProtocolV1OverSocket, UnfinishedOrUnallocatableFramesFailCleanly) {
         info->open(std::unique_ptr<ProtocolV1>(new ProtocolV1(info->m_fd)));
         support::RawConnection(m_fds[1]).write(hex(bytes));  // and closes its end
         m_fds[1] = -1;
-        CallerTurn turn(info->m_turn);
-        const std::string what =
-            support::error_of<SimpleSocketException>([&] { info->m_protocol->recv_message(info); });
+        const std::string what = support::error_of<SimpleSocketException>([&] {
+            CallerTurn turn(info->m_turn);
+            info->m_protocol->recv_message(info);
+        });
         EXPECT_TRUE(what.rfind("Failed to read data from server: ", 0) == 0 ||
                     what.rfind("Failed to allocate ", 0) == 0)
             << bytes << ": " << what;
