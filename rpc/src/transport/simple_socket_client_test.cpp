@@ -240,16 +240,6 @@ TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
     EXPECT_EQ(testing::read_parts(*s.peer), wire::parts(testing::refusal(5)));
 }
 
-TEST(CallerReads, ALossFoundByTheCallerIsReportedOnce) {
-    Session s;
-    testing::CapturedOutput log;
-    std::shared_ptr<Call> call;
-    EXPECT_EQ(s.ask(call, [&] { s.peer->close(); }), "Connection lost");
-    usleep(100000);  // the reader thread's turn comes and goes
-    EXPECT_EQ(log.text(), "Worker got exception: Failed to read data from server: Success\n");
-    EXPECT_EQ(s.protocol.stats().clients_active, 0u);
-}
-
 // Without an idle reader, what comes between calls, a frame or the loss,
 // waits for the next caller, who delivers it in order before its own answer.
 TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
