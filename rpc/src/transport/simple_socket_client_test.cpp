@@ -266,28 +266,17 @@ TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
     EXPECT_EQ(s.protocol.stats().clients_active, 0u);
 }
 
-// The connection record of a removed transport reports its lost client
-// when the transport goes, after the engine; a life handler learns of the
-// engine's end, its pointer cleared under the engine's lock.
-TEST(EngineHazards, WhatOutlivesTheEngine) {
+// A life handler is told of the engine's end with its pointer already
+// cleared, so that it never reaches the engine being destroyed.
+TEST(EngineHazards, ALifeHandlerIsDetachedBeforeItIsTold) {
     struct Watcher : ProtocolLifeHandler {
-        std::atomic<bool> told{false};
-        void on_protocol_destroyed(Protocol*) override { told = true; }
+        bool detached = false;
+        void on_protocol_destroyed(Protocol*) override { detached = m_protocol.load() == nullptr; }
     } watcher;
-    Board board;
-    auto transport = std::move(board.transport);
     auto protocol = std::make_unique<Protocol>(1);
     protocol->register_life_handler(&watcher);
-    protocol->add_transport(transport);
-    protocol->remove_transport(transport);
-    std::thread watching([&] {
-        while (watcher.m_protocol.load() != nullptr) std::this_thread::yield();
-    });
     protocol.reset();
-    watching.join();
-    EXPECT_TRUE(watcher.told);
-    transport.reset();  // the record tells a handler whose engine is gone
-    EXPECT_TRUE(board.peer->wait_closed());
+    EXPECT_TRUE(watcher.detached);
 }
 
 // Disconnecting a serving transport whose reader is idle is prompt. Sends on
