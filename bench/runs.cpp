@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runs.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -107,8 +110,10 @@ struct PlainPair {
         connected = std::make_unique<support::RawConnection>(
             support::RawConnection::connect_to(listener.port()), -1);
         accept.join();
-        accepted->set_nodelay(true);
-        connected->set_nodelay(true);
+        for (const auto* end : {accepted.get(), connected.get()}) {
+            const int on = 1;
+            setsockopt(end->fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        }
     }
 };
 

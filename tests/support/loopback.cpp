@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -109,11 +108,6 @@ void RawConnection::read_into(char* data, size_t n) {
         if (r <= 0) throw std::runtime_error("raw read: peer closed");
         done += static_cast<size_t>(r);
     }
-}
-
-void RawConnection::set_nodelay(bool on) {
-    const int value = on ? 1 : 0;
-    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value);
 }
 
 bool RawConnection::wait_closed(int timeoutMs) {

@@ -47,7 +47,6 @@ class RawConnection {
     std::string read(size_t n);
     void read_into(char* data, size_t n);
     void write_from(const char* data, size_t n);
-    void set_nodelay(bool on);
     // True when the peer closes within the time limit with nothing more sent.
     bool wait_closed(int timeoutMs = 5000);
     // Reads and drops whatever comes until the peer closes.
