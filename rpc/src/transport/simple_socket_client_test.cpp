@@ -216,28 +216,32 @@ const std::string kAnswer = frame_of(reply(5, 1, wire::kDone, {"hi"}));
 const std::string kRefusalForNobody = frame_of(testing::refusal(99));
 
 // The caller routes its answer on its own thread, going on from the byte
-// where the reader thread stopped in the middle of a frame.
+// where the reader thread stopped in the middle of a frame: in a length or
+// in a header.
 TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
-    Session s;
-    // Idle long enough for the reader thread to watch the socket; it reads
-    // the start of a frame and waits for the rest.
-    usleep(100000);
-    s.peer->write(kRefusalForNobody.substr(0, 3));
-    usleep(50000);
-    std::shared_ptr<Call> call;
-    EXPECT_EQ(s.ask(call,
-                    [&] {
-                        // Late enough that the caller is waiting: an answer
-                        // that comes before is the reader thread's to deliver.
-                        usleep(50000);
-                        s.peer->write(kRefusalForNobody.substr(3) + kAnswer);
-                    }),
-              "");
-    EXPECT_EQ(call->reply, "hi");
-    EXPECT_EQ(call->routed_on, std::this_thread::get_id());
-    // Once done, a late DATA for proxy 1 finds nobody: refused to its sender.
-    s.peer->write(frame_of(reply(5, 1, wire::kData, {"x"})));
-    EXPECT_EQ(testing::read_parts(*s.peer), wire::parts(testing::refusal(5)));
+    for (size_t cut : {3, 7}) {
+        Session s;
+        // Idle long enough for the reader thread to watch the socket; it
+        // reads the start of a frame and waits for the rest.
+        usleep(100000);
+        s.peer->write(kRefusalForNobody.substr(0, cut));
+        usleep(50000);
+        std::shared_ptr<Call> call;
+        EXPECT_EQ(s.ask(call,
+                        [&] {
+                            // Late enough that the caller is waiting: an answer
+                            // that comes before is the reader thread's to deliver.
+                            usleep(50000);
+                            s.peer->write(kRefusalForNobody.substr(cut) + kAnswer);
+                        }),
+                  "")
+            << cut;
+        EXPECT_EQ(call->reply, "hi");
+        EXPECT_EQ(call->routed_on, std::this_thread::get_id());
+        // Once done, a late DATA for proxy 1 finds nobody: refused to its sender.
+        s.peer->write(frame_of(reply(5, 1, wire::kData, {"x"})));
+        EXPECT_EQ(testing::read_parts(*s.peer), wire::parts(testing::refusal(5)));
+    }
 }
 
 // Without an idle reader, what comes between calls, a frame or the loss,
