@@ -5,7 +5,6 @@
 // and holds what it held before; and running out of descriptors.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -203,35 +202,25 @@ TEST(Simulator, OutOfDescriptorsNeitherSpinsNorStops) {
     // without any left it reports false errors.
     GTEST_SKIP() << "not meaningful under the sanitizers";
 #endif
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    rlimit low = saved;
-    low.rlim_cur = 64;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-    std::unique_ptr<Sim> sim;
-    try {
-        sim.reset(new Sim());  // inherits the limit
-    } catch (...) {
-        setrlimit(RLIMIT_NOFILE, &saved);
-        throw;
-    }
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    // 64 descriptors at most.
+    ServerProcess sim("/usr/bin/prlimit",
+                      {"--nofile=64:", qord_sim_binary(), "--listen", "127.0.0.1:0"});
 
     std::vector<std::unique_ptr<RawConnection>> clients;
     for (int i = 0; i < 100; ++i) {
-        clients.push_back(std::make_unique<RawConnection>(RawConnection::connect_to(sim->port())));
+        clients.push_back(std::make_unique<RawConnection>(RawConnection::connect_to(sim.port())));
         clients.back()->write(hex("01 01"));
     }
-    const long start = usage_of(sim->process().pid()).cpuTicks;
+    const long start = usage_of(sim.process().pid()).cpuTicks;
     usleep(1000000);
-    const long used = usage_of(sim->process().pid()).cpuTicks - start;
+    const long used = usage_of(sim.process().pid()).cpuTicks - start;
     EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 5) << "ticks in one second";
-    EXPECT_EQ(sim->err(),
-              "Cannot accept connections: Too many open files; retrying every 100 ms\n");
+    EXPECT_EQ(sim.err(), "Cannot accept connections: Too many open files; retrying every 100 ms\n");
 
     clients.clear();
-    EXPECT_RUN(sim->run({"fw_config_mode"}), 0, "{any}", "");
-    EXPECT_EQ(sim->stop(), 0);
+    EXPECT_RUN(run_at("127.0.0.1:" + std::to_string(sim.port()), {"fw_config_mode"}), 0, "{any}",
+               "");
+    EXPECT_EQ(sim.stop(), 0);
 }
 
 }  // namespace
