@@ -169,7 +169,7 @@ TEST(Sysupgrade, Cases) {
     std::vector<std::future<void>> runs;
     for (const Case& c : cases()) runs.push_back(std::async(std::launch::async, upgrade, c));
     for (std::future<void>& run : runs) run.get();
-    EXPECT_FALSE(file_exists(kMarker));
+    EXPECT_NE(access(kMarker.c_str(), F_OK), 0);
 }
 
 }  // namespace

@@ -81,7 +81,7 @@ TEST(UpgradeFaults, ClosedStandardOutputAndAnExtraNextAreSurvived) {
     EXPECT_RUN(run_command("/bin/bash", {"-c", command + " | head -c 5; exit ${PIPESTATUS[0]}"}), 0,
                "Try t", "");
     EXPECT_EQ(u.script.image, read_file(u.image));
-    EXPECT_FALSE(file_exists(kMarker));
+    EXPECT_NE(access(kMarker.c_str(), F_OK), 0);
 }
 
 // Interrupted in the middle of the upload: the progress line is ended, the
@@ -97,7 +97,7 @@ TEST(UpgradeFaults, SignalsDuringTheUpload) {
         const std::string out = read_file(u.dir.file("out"));
         EXPECT_NE(out.find("Upgrading...\n\r"), std::string::npos) << out;
         EXPECT_EQ(out.back(), '\n') << strsignal(sig);
-        EXPECT_FALSE(file_exists(kMarker)) << strsignal(sig);
+        EXPECT_NE(access(kMarker.c_str(), F_OK), 0) << strsignal(sig);
         EXPECT_LT(u.script.image.size(), 200u * 4096);
     }
 }
@@ -145,7 +145,7 @@ TEST(UpgradeFaults, ConnectionLostAtTheVersionCheckAfterTheReboot) {
     const Result r = run_qorc(u.args());
     EXPECT_RUN(r, 1, "{any}", "{any}Error: Connection lost\n");
     EXPECT_EQ(r.out.find("Upgrade done"), std::string::npos) << r.out;
-    EXPECT_FALSE(file_exists(kMarker));
+    EXPECT_NE(access(kMarker.c_str(), F_OK), 0);
 }
 
 }  // namespace

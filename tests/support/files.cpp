@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "files.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -34,11 +31,6 @@ std::string read_file(const std::string& path) {
     std::stringstream s;
     s << in.rdbuf();
     return s.str();
-}
-
-bool file_exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
 }
 
 size_t count_of(const std::string& text, const std::string& what) {

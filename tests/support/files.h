@@ -26,7 +26,6 @@ class TempDir {
 
 // The whole file; empty when it cannot be read.
 std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
 
 // How many times `what` occurs in `text`.
 size_t count_of(const std::string& text, const std::string& what);
