@@ -179,9 +179,8 @@ struct Session : Board {
     explicit Session(bool idleReader = true) : Board(idleReader) {
         protocol.add_transport(transport);
     }
-    // Calls "ask" and waits for its end; the failure text, empty when the
-    // call succeeded. With `then`, the board, on a thread of its own, checks
-    // the opening frame byte for byte and then does `then`.
+    // Calls "ask" and waits for its end; the failure text, or "(no error)". With `then`, the board,
+    // on a thread of its own, checks the opening frame byte for byte and then does `then`.
     std::string ask(std::shared_ptr<Call>& call, const std::function<void()>& then = nullptr) {
         std::thread board_side([&] {
             if (!then) return;
@@ -190,13 +189,10 @@ struct Session : Board {
             then();
         });
         call = protocol.create_command_proxy<Call>("ask");
-        std::string error;
-        try {
+        const std::string error = support::error_of<ProxyCommandException>([&] {
             call->send_message(nullptr, 0);
             call->wait();
-        } catch (const ProxyCommandException& e) {
-            error = e.what();
-        }
+        });
         board_side.join();
         return error;
     }
@@ -226,7 +222,7 @@ TEST(CallerReads, TheAnswerIsRoutedOnTheWaitingThread) {
                             usleep(50000);
                             s.peer->write(kRefusalForNobody.substr(cut) + kAnswer);
                         }),
-                  "")
+                  "(no error)")
             << cut;
         EXPECT_EQ(call->reply, "hi");
         EXPECT_EQ(call->routed_on, std::this_thread::get_id());
@@ -249,7 +245,7 @@ TEST(CallerReads, WithoutAnIdleReaderTheNextCallerDeliversWhatCameBetween) {
     std::shared_ptr<Call> call;
     // An EXCEPTION without text, its body in place, ends the call normally.
     EXPECT_EQ(s.ask(call, [&] { s.peer->write(frame_of(reply(5, 1, wire::kException, {"hi"}))); }),
-              "");
+              "(no error)");
     EXPECT_EQ(call->reply, "hi");
     EXPECT_EQ(s.protocol.stats().messages_processed, 2u);  // the refusal, then the answer
 
