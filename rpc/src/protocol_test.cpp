@@ -240,7 +240,7 @@ TEST(EngineBytes, UndeliverableMessagesGetNoHandler) {
     ServerEngine server;
     auto c = testing::greeted_client(server.transport->local_port());
     wire::Message toUnknownProxy = testing::opening("echo", 5, "x");
-    toUnknownProxy.header.dest = 99;  // wins over a name that would match
+    toUnknownProxy.header.dest = 0;  // present, so it wins over a name that would match
     wire::Message reserved;
     reserved.header.type = wire::kReserved;
     reserved.header.source = 7;
