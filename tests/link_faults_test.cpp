@@ -49,10 +49,6 @@ const char* const kDrop =
     "tc -n $1b filter add dev eth0 $2 protocol all u32 match u32 0 0 action mirred egress "
     "redirect dev sink";
 
-double seconds_between(Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
-}
-
 // A board (on 192.168.15.1:7000) and a host joined by a link that a case can
 // break: the board "vanishes" when a tc rule on its end sends every packet,
 // either way, to a link that is down, so that it neither answers nor
@@ -162,9 +158,10 @@ class Lab {
         if (m_qorc) {
             r.status = m_qorc->wait(120000);
             const auto end = Clock::now();
-            took = seconds_between(m_started, end);
+            took = std::chrono::duration<double>(end - m_started).count();
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_fault != Clock::time_point()) from_fault = seconds_between(m_fault, end);
+            if (m_fault != Clock::time_point())
+                from_fault = std::chrono::duration<double>(end - m_fault).count();
         }
         r.out = read_file(dir.file("out"));
         r.err = read_file(dir.file("err"));
