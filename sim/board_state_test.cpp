@@ -30,7 +30,6 @@ TEST(BoardState, BadFilesAreRefusedNamingTheField) {
         {"[1, 2]", " is not a JSON object"},
         {"{oops", ": the text is not valid JSON"},
         {std::string(80, '[') + std::string(80, ']'), ": the JSON is nested deeper than 67 levels"},
-        {R"({"boot_done": "yes"})", ": /boot_done must be a boolean"},
         {R"({"firmware_source": 1})", ": /firmware_source must be a string"},
         {R"({"version": {"hex": "4"}})", ": /version must be a string or {\"hex\": \"...\"}"},
         {R"({"devices": {}})", ": /devices must be an array"},

@@ -20,9 +20,6 @@
 namespace e2e {
 namespace {
 
-using support::hex;
-using support::RawConnection;
-
 const char* const kPsiRead = "/boot/psi";
 const char* const kPsiAmend = "/update/psi/amend";
 

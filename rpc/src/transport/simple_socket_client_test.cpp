@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
